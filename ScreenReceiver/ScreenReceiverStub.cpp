@@ -1,5 +1,6 @@
 #include "ScreenReceiver/ScreenReceiverStub.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -34,6 +35,7 @@ constexpr unsigned short kServicePort = 19996;
 constexpr int kConnectTimeoutSec = 3;
 constexpr int kRequestTimeoutSec = 10;
 constexpr int kReadTimeoutMs = 5000;
+constexpr int kBatch = 64;  // records read at once
 
 unsigned char AnswerTo(const ReceiverCommand& command) {
     return static_cast<unsigned char>(command.code + 1);
@@ -222,8 +224,8 @@ int ScreenReceiverStub::RecvGetModeratorInfo(std::string&) {
 }
 
 int ScreenReceiverStub::RecvGetSenderListParam(std::string&) {
-    char bytes[wire::kLongRecord] = {};
-    int received = m_Socket.recv(bytes, wire::kListHeader, 0, kReadTimeoutMs);
+    char header[wire::kListHeader] = {};
+    int received = m_Socket.recv(header, wire::kListHeader, 0, kReadTimeoutMs);
     if (IsBroken(received))
         return received;
 
@@ -232,19 +234,23 @@ int ScreenReceiverStub::RecvGetSenderListParam(std::string&) {
     auto& list = m_pRecvResult != nullptr
                      ? *static_cast<std::vector<ScreenSenderInfo>*>(m_pRecvResult)
                      : nobodys;
-    const bool bLong = bytes[2] != 0;
+    const bool bLong = header[2] != 0;
     const int size = bLong ? wire::kLongRecord : wire::kShortRecord;
-    list.resize(wire::GetU16(bytes));
-    for (ScreenSenderInfo& sender : list) {
+    list.resize(wire::GetU16(header));
+    for (size_t read = 0; read < list.size();) {
         if (IsAnswerAbandoned()) {
             errno = ECANCELED;
             return -1;
         }
-        std::memset(bytes, 0, sizeof bytes);
-        received = m_Socket.recv(bytes, size, 0, kReadTimeoutMs);
+        // A long list is read in batches, but never waits for more than one record.
+        char records[kBatch * wire::kLongRecord] = {};
+        const int batch = std::clamp(m_Socket.available() / size, 1,
+                                     std::min(kBatch, static_cast<int>(list.size() - read)));
+        received = std::min(m_Socket.recv(records, batch * size, 0, kReadTimeoutMs), size);
         if (IsBroken(received))
             break;
-        DecodeSender(bytes, bLong, sender);
+        for (int i = 0; i < batch; ++i)
+            DecodeSender(records + i * size, bLong, list[read++]);
     }
     return received;
 }

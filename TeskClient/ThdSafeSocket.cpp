@@ -1,6 +1,7 @@
 #include "TeskClient/ThdSafeSocket.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -115,6 +116,14 @@ int ThdSafeSocket::Receive(char* buf, int len, int flags, const Flag& bContinue,
              bContinue);
     errno = EAGAIN;
     return len - remaining;
+}
+
+int ThdSafeSocket::available() {
+    boost::lock_guard<decltype(m_RecvLock)> lock(m_RecvLock);
+    int inKernel = 0;
+    if (ioctl(m_nSocket, FIONREAD, &inKernel) == -1)
+        inKernel = 0;
+    return static_cast<int>(m_strPeek.size()) + inKernel;
 }
 
 int ThdSafeSocket::TakePeeked(char* buf, int len, bool peek) {

@@ -59,6 +59,9 @@ public:
     /// The same with a flag that stays true.
     int recv(char* buf, int len, int flags, int timeoutMs);
 
+    /// Bytes that recv() would return without waiting, as far as is known now.
+    int available();
+
 private:
     template <class Flag>
     int Receive(char* buf, int len, int flags, const Flag& bContinue, int timeoutMs);
