@@ -285,6 +285,7 @@ private:
 
     // Network thread
     bool IsPeerStillAlive();
+    bool IsTornDown() const;
     Step WaitReadable(struct timeval* timeout);
     Step ReadOneFrame(std::string& prefix, std::string& payload);
     Step SyncToPrefix(std::string& prefix);

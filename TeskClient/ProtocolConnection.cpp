@@ -262,7 +262,7 @@ int ProtocolBase::ReConnect() {
 
     // The threads of a connection that is alive end first: two network threads on one socket would
     // tear its frames apart. Copies, because opening writes the members.
-    m_bRunning = false;
+    LowerRunning();
     EndNetworkThread();
     m_Socket.close();
     const std::string host = m_strHost;

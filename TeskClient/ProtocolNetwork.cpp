@@ -92,9 +92,19 @@ ProtocolBase::Step ProtocolBase::ReadOneFrame(std::string& prefix, std::string& 
         return IsBroken(OnCustCommand()) ? LoseLink(recorded::kCustCommandFailed) : Step::Retry;
 
     char cmd = 0;
+    if (IsTornDown())
+        return Step::Retry;
     if (IsBroken(m_Socket.recv(&cmd, 1, 0, kReadTimeoutMs)))
         return LoseLink(recorded::kReadCommandFailed);
+    if (IsTornDown())
+        return Step::Retry;
     return TakeFrame(static_cast<unsigned char>(cmd), payload);
+}
+
+// Between the reads of one frame: a peer that trickles it must not hold the teardown for more than
+// the read in progress.
+bool ProtocolBase::IsTornDown() const {
+    return m_bClosing && !m_bRunning;
 }
 
 // Drops what stands in front of a prefix and consumes the prefix. m_RecvMutex held.

@@ -15,13 +15,8 @@ int main(int argc, char** argv) {
     }
     for (i = 0; i < count; i++) {
         const unsigned ip = senders[i]->nIpAddress;
-        printf("%10u  %u.%u.%u.%u  %s\n",
-               senders[i]->nPrimaryKey,
-               ip >> 24,
-               ip >> 16 & 255,
-               ip >> 8 & 255,
-               ip & 255,
-               senders[i]->szUserName);
+        printf("%10u  %u.%u.%u.%u  %s\n", senders[i]->nPrimaryKey, ip >> 24, ip >> 16 & 255,
+               ip >> 8 & 255, ip & 255, senders[i]->szUserName);
         free(senders[i]);
     }
     free(senders);
