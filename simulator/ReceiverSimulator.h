@@ -1,0 +1,238 @@
+#ifndef SIMULATOR_RECEIVERSIMULATOR_H_
+#define SIMULATOR_RECEIVERSIMULATOR_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+/**
+ * A screen receiver without a screen: serves the receiver's side of the wire protocol and keeps a
+ * believable state, for the tests of programs that control receivers.
+ *
+ * What status, notification and result values mean is a receiver's own affair. The meanings below
+ * are this simulator's choice; a program that must work with real receivers must not rely on them.
+ */
+namespace simulator {
+
+constexpr uint16_t kReceiverPort = 19996;
+
+/// The most senders that a list can carry.
+constexpr size_t kMaxSenders = 65535;
+
+/// Bytes of a user name that a record can carry.
+constexpr size_t kMaxUserName = 47;
+
+/// Sender::status as this simulator uses it. Any other value is kept and sent unchanged.
+enum SenderStatus : uint16_t {
+    kStatusIdle = 0,
+    kStatusReady = 1,  // logged in, may be shown
+    kStatusShown = 2,  // reported for every sender that is shown, whatever its own status is
+};
+
+/// Sender::splitScreen of a sender that has no place on the screen.
+constexpr uint8_t kNoSplitScreen = 0x80;
+
+struct Sender {
+    int32_t key = 0;       // unique; requests name a sender by it
+    uint32_t address = 0;  // IPv4 as a number: 0x7F000001 is 127.0.0.1
+    std::string userName;  // sent up to its first NUL and cut after kMaxUserName bytes
+    uint16_t status = kStatusReady;
+    uint8_t splitScreen = kNoSplitScreen;
+    uint16_t osType = 0;  // this and the next two are sent in long records only
+    uint16_t appType = 0;
+    uint16_t pointerInputType = 0;
+    bool local = false;  // local senders are left out of the non-local list
+    bool valid = true;   // the others are left out of the valid list and cannot be shown
+};
+
+struct Moderator {
+    int32_t id = 0;
+    uint8_t flag = 0;
+};
+
+/// Results of the requests that carry one.
+enum Result : int32_t {
+    kResultOk = 0,
+    kResultUnknownSender = 1,  // no sender has this key
+    kResultAlreadyShown = 2,   // start: it is shown, with this or another option
+    kResultNotShown = 3,       // stop: it is known, but not shown
+    kResultNotValid = 4,       // start: its valid flag is off
+};
+
+/// First value of a notification; behind it what the second and the third value are.
+enum NotifyKind : int32_t {
+    kNotifySenderJoined = 1,      // key, status
+    kNotifySenderLeft = 2,        // key, 0
+    kNotifySenderChanged = 3,     // key, status
+    kNotifyShowStarted = 4,       // key, option
+    kNotifyShowStopped = 5,       // key, 0
+    kNotifyModeratorChanged = 6,  // id, flag
+    kNotifyConfControl = 7,       // 1 taken or 0 left, 0
+    kNotifyTick = 8,              // running number, 0: receiver-sim --notify-every
+};
+
+enum class RecordSize { Short, Long };  // 64 or 128 bytes a sender
+
+struct Options {
+    std::string address = "127.0.0.1";  // dotted IPv4
+    uint16_t port = kReceiverPort;      // 0: any free one, see Port()
+    RecordSize records = RecordSize::Long;
+    /// A client with more unsent bytes than this is dropped when the next frame for it is due.
+    size_t maxBacklog = size_t{16} * 1024 * 1024;
+};
+
+/// One frame as it was received or queued for sending.
+struct Frame {
+    uint64_t client = 0;   // 1 for the first client since construction, then 2 ...
+    bool incoming = true;  // from the client
+    uint8_t code = 0;      // command byte
+    std::string payload;   // empty for a command that receivers do not know
+};
+
+/// The frame in words, e.g. "StartPlayImage answer: 2 already shown".
+std::string Describe(const Frame& frame);
+
+enum class ClientChange {
+    Connected,
+    Left,            // closed by the client, or its link broke
+    Closed,          // by DropClients() or Stop()
+    BacklogDropped,  // did not read: see Options::maxBacklog
+    Failed,          // dropped because memory ran out while it was served
+};
+
+/**
+ * What a program wants to see of the traffic; members may be left empty. Called on the simulator's
+ * thread with no lock held, so all methods but Start() and Stop() may be called from inside. It
+ * must not throw, and nothing is served until it returns.
+ */
+struct Observer {
+    std::function<void(const Frame&)> frame;
+    /// `peer` is "address:port" of the client.
+    std::function<void(uint64_t client, ClientChange change, const std::string& peer)> client;
+};
+
+/// Counts since construction.
+struct Statistics {
+    uint64_t clients = 0;         // accepted
+    uint64_t clientsDropped = 0;  // for their backlog
+    uint64_t bytesReceived = 0;
+    uint64_t framesReceived = 0;  // with unknown commands
+    uint64_t framesSent = 0;      // queued for sending, each client's copy counted
+    uint64_t garbageBytes = 0;    // skipped in front of a prefix
+    uint64_t unknownCommands = 0;
+};
+
+/**
+ * The simulated receiver.
+ *
+ * Owns one listening socket, one thread that serves all clients, and the receiver's state, which
+ * outlives Stop() and may be set up before Start().
+ *
+ * Frames are found by their prefix; bytes in front of one are skipped one at a time, and a command
+ * byte that receivers do not know is ignored. The ten requests act as follows:
+ *
+ * | request                        | effect                                                      |
+ * |--------------------------------|-------------------------------------------------------------|
+ * | the three lists                | none; senders come in the order in which they joined        |
+ * | StartPlayImage(key, option)    | shows the sender; lists then report kStatusShown and, as    |
+ * |                                | split-screen position, the option. Any number may be shown  |
+ * | StopPlayImage(key)             | ends that; lists report the sender's own values again       |
+ * | ForceSenderLogout(key)         | removes the sender; one that is shown is stopped first      |
+ * | GetModeratorInfo               | none                                                        |
+ * | SetModeratorInfo(id, flag)     | stores both; any values are accepted                        |
+ * | RefreshConfCtrlTimer           | takes conference control, or keeps it                       |
+ * | QuitConfCtrl                   | leaves it                                                   |
+ *
+ * Every change of the state, by a request or by a method, is notified to all clients that are
+ * connected at that moment, in the order of the changes. What changes nothing is not notified. The
+ * client that caused a change gets the answer first and the notification after it.
+ *
+ * Threads: any, at the same time, unless a method says otherwise.
+ *
+ * Blocks: methods that notify wait while 4096 notifications are on their way to the clients' queues
+ * (not inside an Observer); nothing waits for a client.
+ *
+ * Example:
+ * @code
+ * simulator::Options options;
+ * options.port = 0;
+ * simulator::ReceiverSimulator receiver(options);
+ * if (std::error_code error = receiver.Start())
+ *     std::cerr << error.message() << "\n";
+ * simulator::Sender sender;
+ * sender.key = 7;
+ * sender.userName = "Ada";
+ * receiver.AddSender(sender);
+ * @endcode
+ */
+class ReceiverSimulator {
+public:
+    explicit ReceiverSimulator(Options options = Options(), Observer observer = Observer());
+    /// Stops. Not inside an Observer.
+    ~ReceiverSimulator();
+    ReceiverSimulator(const ReceiverSimulator&) = delete;
+    ReceiverSimulator& operator=(const ReceiverSimulator&) = delete;
+
+    /**
+     * Listens and serves, until Stop(). May be called again after Stop().
+     *
+     * @return no error, or why it cannot listen: invalid_argument for an address that is not dotted
+     *         IPv4, operation_in_progress when it is started already, else the system's error.
+     *
+     * Threads: any, but not inside an Observer.
+     */
+    std::error_code Start();
+
+    /**
+     * Closes the listening socket and all connections and ends the thread. Frames that were not yet
+     * sent are lost. Harmless when not started.
+     *
+     * Threads: any, but not inside an Observer.
+     */
+    void Stop();
+
+    const std::string& Address() const;
+    /// The port that is served; before the first Start() the one that was asked for.
+    uint16_t Port() const;
+
+    /// False when the key is taken or there are kMaxSenders.
+    bool AddSender(const Sender& sender);
+    /// False when there is no such sender. One that is shown is stopped first.
+    bool RemoveSender(int32_t key);
+    /// Replaces the sender with this key. False when there is none. It stays shown if it is.
+    bool UpdateSender(const Sender& sender);
+    void SetModerator(const Moderator& moderator);
+
+    /// Sends a notification of these three values to all clients.
+    void Notify(int32_t first, int32_t second, int32_t third);
+
+    /// Closes all connections. Returns before they are closed: ClientCount() tells.
+    void DropClients();
+
+    /// In the order in which they joined, with their own status and position, also while shown.
+    std::vector<Sender> Senders() const;
+    Moderator GetModerator() const;
+    bool ConfControlHeld() const;
+    bool IsShown(int32_t key) const;
+    /// The option with which a sender is shown; none when it is not.
+    std::optional<uint8_t> ShownOption(int32_t key) const;
+
+    /// Clients that are connected now.
+    size_t ClientCount() const;
+    /// Whole frames received with this command byte.
+    uint64_t FramesReceived(uint8_t code) const;
+    Statistics GetStatistics() const;
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> m_pImpl;
+};
+
+}  // namespace simulator
+
+#endif  // SIMULATOR_RECEIVERSIMULATOR_H_
