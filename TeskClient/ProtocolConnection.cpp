@@ -25,7 +25,7 @@ using internals::Role;
 using internals::RoleTowards;
 using internals::SleepSlice;
 
-struct ProtocolBase::Candidate {
+struct SR_HIDDEN ProtocolBase::Candidate {
     Candidate(int fd, unsigned short portNumber) : sock(fd), port(portNumber), owner(fd) {}
 
     int sock;

@@ -52,7 +52,7 @@ boost::thread* StartThread(const boost::function<void()>& body);
  * stands for it. When another request or another connection takes its place it is settled: answered
  * if its code had been cleared by then, else overtaken, which nobody answers any more.
  */
-struct ProtocolBase::WaitingRequest {
+struct SR_HIDDEN ProtocolBase::WaitingRequest {
     enum class State { Listed, Answered, Overtaken };
 
     std::atomic<State> state{State::Listed};  // written under m_SendMutex

@@ -4,4 +4,7 @@
 // Marks what the shared library exports; everything else is built with hidden visibility.
 #define SR_API __attribute__((visibility("default")))
 
+// Keeps a type inside an exported class to the library, and with it the templates made of it.
+#define SR_HIDDEN __attribute__((visibility("hidden")))
+
 #endif  // COMMON_EXPORT_H_

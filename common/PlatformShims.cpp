@@ -61,10 +61,11 @@ _bstr_t::operator char*() {
     if (m_byWide == 0)
         return m_szNarrow;
     const size_t size = std::min(MB_CUR_MAX * std::wcslen(m_szWide) + 1, kNarrowSize);
-    if (std::wcstombs(m_szNarrow, m_szWide, size) == kConversionFailed)
+    const size_t length = std::wcstombs(m_szNarrow, m_szWide, size);
+    if (length == kConversionFailed)
         std::strcpy(m_szNarrow, "conversion ERROR!");
     else
-        m_szNarrow[size - 1] = '\0';
+        m_szNarrow[std::min(length, size - 1)] = '\0';
     return m_szNarrow;
 }
 
@@ -72,10 +73,11 @@ _bstr_t::operator wchar_t*() {
     if (m_byWide != 0)
         return m_szWide;
     const size_t size = std::min(std::strlen(m_szNarrow) + 1, kWideSize);
-    if (std::mbstowcs(m_szWide, m_szNarrow, size) == kConversionFailed)
+    const size_t length = std::mbstowcs(m_szWide, m_szNarrow, size);
+    if (length == kConversionFailed)
         std::wcscpy(m_szWide, L"conversion ERROR!");
     else
-        m_szWide[size - 1] = L'\0';
+        m_szWide[std::min(length, size - 1)] = L'\0';
     return m_szWide;
 }
 

@@ -132,7 +132,7 @@ TEST_F(LifecycleRaceTest, InitOnSeveralThreadsLeavesOneConnection) {
         EXPECT_TRUE(WaitFor([this] { return m_Receiver->ClientCount() <= 1; }));
     }
     ExpectUsable();
-    EXPECT_TRUE(WaitFor([&] { return Threads() == threads && Descriptors() == descriptors; }))
+    EXPECT_TRUE(WaitFor([&] { return Threads() == threads && Descriptors() <= descriptors; }))
         << Threads() << " threads, were " << threads << "; " << Descriptors()
         << " descriptors, were " << descriptors;
 }
@@ -271,8 +271,10 @@ TEST_F(LifecycleRaceTest, ReConnectOnALiveConnectionReplacesIt) {
     for (int round = 0; round < kRounds / 2; ++round)
         ASSERT_EQ(0, m_Stub->ReConnect());
     EXPECT_EQ(threads, Threads());
-    EXPECT_TRUE(
-        WaitFor([&] { return m_Receiver->ClientCount() == 1 && Descriptors() == descriptors; }));
+    EXPECT_TRUE(WaitFor([&] {
+        return m_Receiver->ClientCount() == 1 && Descriptors() <= descriptors;
+    })) << m_Receiver->ClientCount()
+        << " clients; " << Descriptors() << " descriptors, were " << descriptors;
     std::vector<ScreenSenderInfo> senders;
     EXPECT_EQ(0, m_Stub->GetSenderList(senders));
     EXPECT_EQ(3u, senders.size());
