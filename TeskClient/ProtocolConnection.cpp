@@ -132,9 +132,11 @@ int ProtocolBase::StartConnects(const char* host,
         candidates.emplace_back(sock, vecPort[i]);
         ConfigSocket(sock);
 
-        const int flags = fcntl(sock, F_GETFL, 0);
-        if (flags == -1)
+        int flags = fcntl(sock, F_GETFL, 0);
+        if (flags == -1) {
             SR_LOG(kLogWarning, "OpenConnect fcntl(Socket, F_GETFL, 0) failed %d", errno);
+            flags = 0;
+        }
         if (fcntl(sock, F_SETFL, flags | O_NONBLOCK) == -1)
             SR_LOG(kLogWarning, "OpenConnect fcntl(Socket, F_SETFL, flags | O_NONBLOCK) failed %d",
                    errno);
@@ -198,9 +200,11 @@ bool ProtocolBase::TakeFirstWritable(std::vector<Candidate>& candidates,
 }
 
 void ProtocolBase::RestoreBlocking(int sock) {
-    const int flags = fcntl(sock, F_GETFL, 0);
-    if (flags == -1)
+    int flags = fcntl(sock, F_GETFL, 0);
+    if (flags == -1) {
         SR_LOG(kLogWarning, "OpenConnect fcntl(vecSocket[i], F_GETFL, 0) failed %d", errno);
+        flags = 0;
+    }
     if (fcntl(sock, F_SETFL, flags & ~O_NONBLOCK) == -1)
         SR_LOG(kLogCritical,
                "OpenConnect fcntl(vecSocket[i], F_SETFL, flags & (~O_NONBLOCK)) failed %d", errno);

@@ -15,7 +15,8 @@ void ProtocolBase::DispatcherThread() {
         }
         if (!m_bRunning)
             break;
-        HandleRetVal(cmd, (this->*m_CmdHandlers[cmd])(&payload[0]));
+        const CmdHandler handler = m_CmdHandlers[cmd];
+        HandleRetVal(cmd, (this->*handler)(&payload[0]));
     }
     {
         boost::lock_guard<decltype(m_EventMutex)> lock(m_EventMutex);

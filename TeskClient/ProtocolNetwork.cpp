@@ -168,7 +168,8 @@ ProtocolBase::Step ProtocolBase::TakeFrame(unsigned char cmd, std::string& paylo
 int ProtocolBase::ReadPayload(unsigned char cmd, std::string& payload) {
     errno = 0;
     try {
-        return (this->*m_RecvHandlers[cmd])(payload);
+        const RecvHandler reader = m_RecvHandlers[cmd];
+        return (this->*reader)(payload);
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
         return -1;
