@@ -26,39 +26,52 @@ thread_local int t_nCalls = 0;
 std::atomic<bool> s_bEnded{false};
 
 /**
- * Home of the one client object. When the library is unloaded or the process exits, threads may
- * still be inside a call, or make another. Those that come later are turned away (see Call); those
- * in progress are cancelled by closing the connection and get time to leave. Should one stay, the
- * object is left as it is, for its locks are in use, and the process ends without it.
+ * Begins and ends g_ScreenReceiver. When the library is unloaded or the process exits, threads may
+ * still be inside a call, or make another. Those that come later are turned away (see Run); those in
+ * progress are cancelled and get time to leave. Should one stay, the object is left as it is, for its
+ * locks are in use, and the process ends without it.
  */
 class ProcessReceiver {
 public:
-    ProcessReceiver() : m_pStub(new (m_Storage) ScreenReceiverStub) {}
-
-    ~ProcessReceiver() {
-        s_bEnded = true;
-        // exit() from a signal handler that interrupted a call: its locks are never released.
-        if (t_nCalls != 0)
-            return;
-        m_pStub->CloseConnect();
-        for (int waited = 0; s_nCalls != 0; waited += kLeaveSliceMs) {
-            if (waited >= kLeaveLimitMs)
-                return;
-            usleep(kLeaveSliceMs * 1000);
-        }
-        m_pStub->~ScreenReceiverStub();
-    }
-
-    ScreenReceiverStub& Stub() { return *m_pStub; }
+    ProcessReceiver();
+    ~ProcessReceiver();
 
 private:
-    alignas(ScreenReceiverStub) char m_Storage[sizeof(ScreenReceiverStub)];
-    ScreenReceiverStub* m_pStub;
+    const pid_t m_nPid;
 };
+
+}  // namespace
+
+// The object whose end ProcessReceiver decides: its storage goes by the same symbol, so that no
+// destructor is registered for it.
+extern ScreenReceiverStub g_ScreenReceiver;
+alignas(ScreenReceiverStub) char s_Storage[sizeof(ScreenReceiverStub)] __asm__("g_ScreenReceiver");
+
+namespace {
 
 ProcessReceiver s_Receiver;
 
-/// One call of an exported function; refused once the object has ended.
+ProcessReceiver::ProcessReceiver() : m_nPid(getpid()) {
+    new (&g_ScreenReceiver) ScreenReceiverStub;
+}
+
+ProcessReceiver::~ProcessReceiver() {
+    s_bEnded = true;
+    // Two cases where nothing can be ended: exit() in a child of fork(), which has none of the
+    // threads, and exit() from a signal handler that interrupted a call, whose locks are never
+    // released.
+    if (getpid() != m_nPid || t_nCalls != 0)
+        return;
+    g_ScreenReceiver.EndThreads();
+    for (int waited = 0; s_nCalls != 0; waited += kLeaveSliceMs) {
+        if (waited >= kLeaveLimitMs)
+            return;
+        usleep(kLeaveSliceMs * 1000);
+    }
+    g_ScreenReceiver.~ScreenReceiverStub();
+}
+
+/// One call of an exported function.
 class Call {
 public:
     Call() {
@@ -69,19 +82,31 @@ public:
         --s_nCalls;
         --t_nCalls;
     }
-    bool IsRefused() const { return s_bEnded; }
 };
+
+int RecordOutOfMemory() {
+    try {
+        g_ScreenReceiver.SetErrorAt(-ENOMEM, "", "", __FILE__, __LINE__);
+    } catch (const std::bad_alloc&) {
+        // The code is recorded first; only its place is missing.
+    }
+    return -ENOMEM;
+}
 
 // Runs one call. No exception leaves the library; the only one there is means that memory ran out.
 template <class Function>
 int Run(Function function) {
+    // Looked at twice: callers that go on calling must not keep the end waiting, and one that came
+    // just before the end must be seen by it.
+    if (s_bEnded)
+        return kErrNoAnswer;
     const Call call;
-    if (call.IsRefused())
+    if (s_bEnded)
         return kErrNoAnswer;
     try {
         return function();
     } catch (const std::bad_alloc&) {
-        return -ENOMEM;
+        return RecordOutOfMemory();
     }
 }
 
@@ -124,12 +149,6 @@ ScreenSenderRecord** Copy(const std::vector<ScreenSenderInfo>& senders) {
 
 typedef int (ScreenReceiverStub::*ListMethod)(std::vector<ScreenSenderInfo>&);
 
-}  // namespace
-
-ScreenReceiverStub& g_ScreenReceiver = s_Receiver.Stub();
-
-namespace {
-
 int GetList(ListMethod method, ScreenSenderRecord*** list) {
     const int count = Run([=] {
         std::vector<ScreenSenderInfo> senders;
@@ -137,10 +156,8 @@ int GetList(ListMethod method, ScreenSenderRecord*** list) {
         if (senders.empty())
             return 0;
         ScreenSenderRecord** records = Copy(senders);
-        if (records == nullptr) {
-            g_ScreenReceiver.SetErrorAt(-ENOMEM, "", "", __FILE__, __LINE__);
-            return 0;
-        }
+        if (records == nullptr)
+            return RecordOutOfMemory();
         *list = records;
         return static_cast<int>(senders.size());
     });

@@ -1,19 +1,20 @@
 /**
  * Control of a screen receiver: thirteen functions over one client object of the process.
  *
- * 1. Everything starts with Init(), which connects to TCP port 19996 of a receiver. Nothing
- * reconnects by itself: when a call has failed with a broken link, call Init() again.
- * 2. Every function may be called from any thread, and from inside the notification callback,
- * except Init(), which is refused there. Requests of several threads wait for one another.
+ * 1. Everything starts with Init(), which connects to TCP port 19996 of a receiver. Nothing reconnects
+ *    by itself: when a call has failed with a broken link, call Init() again.
+ * 2. Every function may be called from any thread, and from inside the notification callback, except
+ *    Init(), which is refused there. Requests of several threads wait for one another.
  * 3. Results: 0 is success, a negative number is a failure of this library (its code, or a negated
- *    errno), anything else is the receiver's own result, passed through. The list functions return
- * a count instead; GetErrorCode() tells their failures.
+ *    errno), anything else is the receiver's own result, passed through. The list functions return a
+ *    count instead; GetErrorCode() tells their failures.
  * 4. Pointers must not be null.
- * 5. "Blocks: one request" below means: at most 5 s to send, 10 s for the answer and 5 s for a read
- * in progress, after the requests that other threads made before. Without a connection a request
- * fails after 5 s. When the connection ends meanwhile, it returns within about 30 ms.
- * 6. Only its command ties an answer to a request. After a time-out (-6528101) a late answer would
- * end the next request of the same command with old data: call Init() again before repeating it.
+ * 5. "Blocks: one request" below means, after the requests that other threads made before: at most 5 s
+ *    to send and 10 s for the answer; an answer that has begun to arrive by then gets 5 s more, and a
+ *    read in progress its 5 s. Without a connection a request fails after 5 s. When the connection ends
+ *    meanwhile, it returns within about 30 ms, or after a read in progress.
+ * 6. Only its command ties an answer to a request. After a time-out (-6528101) a late answer would end
+ *    the next request of the same command with old data: call Init() again before repeating it.
  * 7. A cable that was pulled cannot be detected; it shows as a time-out.
  */
 #ifndef SCREENRECEIVER_SCREENRECEIVER_H_
@@ -57,10 +58,11 @@ typedef struct ScreenSenderRecord {
  *         meanwhile; -6527001 no thread could be started; -6527002 called inside the callback;
  *         -errno no socket.
  *
- * Errors:  a refused port still gives 0; GetErrorCode() shows -ECONNREFUSED within about 30 ms.
+ * Errors:  what the system refuses at once still gives 0 and shows in GetErrorCode() within about
+ *          30 ms: -ECONNREFUSED no receiver on the port, -ENOTCONN no such address or no route to it.
  * Threads: any, but refused inside the notification callback.
- * Blocks:  3 s to connect, after 10 s at most to close the earlier connection, and until a running
- *          callback has returned.
+ * Blocks:  3 s to connect, after 10 s at most to close the earlier connection, a running callback, and
+ *          the calls of Init() on other threads.
  */
 SCREENRECEIVER_API int Init(const char* host, bool flag);
 

@@ -66,7 +66,10 @@ bool IsBroken(int received) {
 }  // namespace
 
 ScreenReceiverStub::ScreenReceiverStub()
-    : m_pRecvResult(nullptr), m_pfnNotifyCB(nullptr), m_bRequesting(false) {
+    : m_pRecvResult(nullptr),
+      m_pfnNotifyCB(nullptr),
+      m_pRetiredResult(nullptr),
+      m_bRequesting(false) {
     SetCmdPrefix(kPrefix, sizeof kPrefix - 1);
 
     const auto reads = [this](const ReceiverCommand& command,
@@ -158,10 +161,13 @@ int ScreenReceiverStub::Request(const ReceiverCommand& command,
     struct InFlight {
         InFlight(ScreenReceiverStub& stub, void* target) : m_Stub(stub) {
             m_Stub.m_bRequesting = true;
-            m_Stub.m_pRecvResult = target;
+            if (target != nullptr) {
+                m_Stub.m_pRecvResult = target;
+                m_Stub.m_pRetiredResult = nullptr;
+            }
         }
         ~InFlight() {
-            m_Stub.m_pRecvResult = nullptr;
+            m_Stub.m_pRetiredResult = m_Stub.m_pRecvResult;
             m_Stub.m_bRequesting = false;
         }
         ScreenReceiverStub& m_Stub;
@@ -193,6 +199,11 @@ int ScreenReceiverStub::RecordResult(int result, int line) {
     return SetErrorAt(result, "", "", recorded::kStubFile, line);
 }
 
+// Null when no request wants a result.
+void* ScreenReceiverStub::ResultOfRequest() const {
+    return m_pRecvResult == m_pRetiredResult ? nullptr : m_pRecvResult;
+}
+
 int ScreenReceiverStub::Recv12ByteData(std::string& payload) {
     GetLogger()->Write(recorded::kStubFile, recorded::kRecv12ByteData, kLogDebug, "Recv12ByteData");
     payload.resize(wire::kNotifyPayload);
@@ -207,16 +218,16 @@ int ScreenReceiverStub::Recv32ByteReserve(std::string&) {
 int ScreenReceiverStub::RecvErrorCodeParam(std::string&) {
     char reply[wire::kReplyPayload] = {};
     const int received = m_Socket.recv(reply, wire::kReplyPayload, 0, kReadTimeoutMs);
-    if (m_pRecvResult != nullptr)
-        *static_cast<int32_t*>(m_pRecvResult) = wire::GetI32(reply);
+    if (void* result = ResultOfRequest())
+        *static_cast<int32_t*>(result) = wire::GetI32(reply);
     return received;
 }
 
 int ScreenReceiverStub::RecvGetModeratorInfo(std::string&) {
     char reply[wire::kReplyPayload] = {};
     const int received = m_Socket.recv(reply, wire::kReplyPayload, 0, kReadTimeoutMs);
-    if (m_pRecvResult != nullptr) {
-        ModeratorInfo& info = *static_cast<ModeratorInfo*>(m_pRecvResult);
+    if (void* result = ResultOfRequest()) {
+        ModeratorInfo& info = *static_cast<ModeratorInfo*>(result);
         info.nModeratorId = wire::GetI32(reply);
         info.byModeratorFlag = static_cast<uint8_t>(reply[4]);
     }
@@ -231,9 +242,8 @@ int ScreenReceiverStub::RecvGetSenderListParam(std::string&) {
 
     // Nobody's answer is read all the same, or its records would be taken for frames.
     std::vector<ScreenSenderInfo> nobodys;
-    auto& list = m_pRecvResult != nullptr
-                     ? *static_cast<std::vector<ScreenSenderInfo>*>(m_pRecvResult)
-                     : nobodys;
+    void* result = ResultOfRequest();
+    auto& list = result != nullptr ? *static_cast<std::vector<ScreenSenderInfo>*>(result) : nobodys;
     const bool bLong = header[2] != 0;
     const int size = bLong ? wire::kLongRecord : wire::kShortRecord;
     list.resize(wire::GetU16(header));

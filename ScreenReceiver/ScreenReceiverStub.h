@@ -20,11 +20,11 @@ struct ReceiverCommand;
 /**
  * The client of one screen receiver: one method per command of the service on TCP port 19996.
  *
- * Threads: any, the notification callback included. Requests of several threads wait for one
- * another and each gets its own answer. See ProtocolBase for the object's own threads.
- *
- * Blocks: every request at most 5 s to send, 10 s for the answer and 5 s for a read in progress,
- * after the requests before it. On a closed connection a request fails after 5 s.
+ * Threads: any, the notification callback included. Requests of several threads wait for one another
+ *          and each gets its own answer. See ProtocolBase for the object's own threads.
+ * Blocks:  a request, after the requests before it, at most 5 s to send and 10 s for the answer; an
+ *          answer that has begun to arrive by then gets 5 s more, and a read in progress its 5 s. On a
+ *          closed connection a request fails after 5 s.
  *
  * Results of requests: 0 or the service's own result; on failure the negative code that is
  * recorded: -6528101 no answer in time, or "Cancel" when the connection was closed meanwhile;
@@ -115,8 +115,10 @@ public:
     static void DecodeSender(const char* record, bool bLong, ScreenSenderInfo& sender);
 
 protected:
-    void* m_pRecvResult;  // where the reader of the request in flight stores; handed over by
-                          // m_SendMutex
+    // Where the reader of the request in flight stores: set before the request takes m_SendMutex, which
+    // the reader holds. Keeps its value afterwards, see m_pRetiredResult. Requests that do not go
+    // through the methods above (RequestCommand called directly) must not run beside them.
+    void* m_pRecvResult;
     std::atomic<ScrRcvNotifyCB> m_pfnNotifyCB;
 
 private:
@@ -126,9 +128,11 @@ private:
     int RequestList(const ReceiverCommand& command, std::vector<ScreenSenderInfo>& list);
     int RequestResult(const ReceiverCommand& command, const std::string& payload);
     int RecordResult(int result, int line);
+    void* ResultOfRequest() const;
 
-    OrderedMutex<LockRank::Request>
-        m_RequestMutex;  // from setting m_pRecvResult to reading the result
+    void* m_pRetiredResult;  // that of a request that has returned: not written through any more
+    // Held from setting m_pRecvResult to reading the result.
+    OrderedMutex<LockRank::Request> m_RequestMutex;
     bool m_bRequesting;  // guarded by m_RequestMutex
 };
 

@@ -147,8 +147,8 @@ void NibErrorHandler::WriteErrLog(const char* file) {
         return;
     const char* slash = std::strrchr(file, '/');
     m_strErrFile = static_cast<char*>(_bstr_t(slash == nullptr ? file : slash + 1));
-    m_pLogger.load()->Write(kLogError, "ErrorCode=%d -> %s", GetErrorCode(),
-                            static_cast<char*>(_bstr_t(GetErrorMessage())));
+    m_pLogger->Write(kLogError, "ErrorCode=%d -> %s", GetErrorCode(),
+                     static_cast<char*>(_bstr_t(GetErrorMessage())));
 }
 
 void NibErrorHandler::BeginStep() {
@@ -156,5 +156,13 @@ void NibErrorHandler::BeginStep() {
 }
 
 int NibErrorHandler::CodeOfFailure(int result) {
-    return t_Recorded.object == this && t_Recorded.code < 0 ? t_Recorded.code : result;
+    if (t_Recorded.object == this && t_Recorded.code < 0)
+        return t_Recorded.code;
+    const int current = GetErrorCode();
+    return current < 0 ? current : result;
+}
+
+int NibErrorHandler::KeepFailure(int code) {
+    t_Recorded = {this, code};
+    return code;
 }

@@ -8,6 +8,15 @@
 #include "common/LockOrder.h"
 #include "common/Logger.h"
 
+/// std::atomic pointer that can be called through.
+template <class T>
+class AtomicPointer : public std::atomic<T*> {
+public:
+    using std::atomic<T*>::atomic;
+    using std::atomic<T*>::operator=;
+    T* operator->() const { return this->load(); }
+};
+
 /**
  * The error state of a protocol object: last code, up to two texts, and the place that raised it.
  *
@@ -74,10 +83,12 @@ protected:
      * A step that may be overridden returns a negative result and records its code; another thread
      * may record something else before the caller looks. Between BeginStep and CodeOfFailure the
      * thread's own record is kept apart: CodeOfFailure returns what the step recorded on this
-     * thread, or `result` when it recorded nothing.
+     * thread; when it recorded nothing, the current code if that is negative, else `result`.
+     * KeepFailure is for a step that fails with a code that stands recorded already.
      */
     void BeginStep();
     int CodeOfFailure(int result);
+    int KeepFailure(int code);
 
     std::atomic<int> m_nErrCode;
     int m_nBackupErrCode;
@@ -94,7 +105,7 @@ protected:
     std::string m_strBackupErrFile;
     std::string m_strBackupErrLine;
     std::string m_strErrFileLine;
-    std::atomic<Logger*> m_pLogger;
+    AtomicPointer<Logger> m_pLogger;
     Logger m_Logger;
     OrderedMutex<LockRank::ErrorState> m_ErrMutex;
 };

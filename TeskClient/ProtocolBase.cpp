@@ -28,16 +28,6 @@ void JoinOrLetGo(boost::thread** thread) {
     ResetThreadPtr(thread);
 }
 
-// An interrupted select() counts as a lost link, so the application's signals go to other threads.
-// Those that report a fault of this thread stay its own.
-void BlockSignals() {
-    sigset_t signals;
-    sigfillset(&signals);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
-        sigdelset(&signals, fault);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
-
 }  // namespace
 
 internals::ThreadRole& internals::OwnRole() {
@@ -45,17 +35,18 @@ internals::ThreadRole& internals::OwnRole() {
     return role;
 }
 
-boost::thread* internals::StartThread(const boost::function<void()>& body) {
-    try {
-        return new boost::thread(body);
-    } catch (...) {
-        return nullptr;
-    }
+internals::SignalsBlocked::SignalsBlocked() {
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+        sigdelset(&signals, fault);
+    pthread_sigmask(SIG_BLOCK, &signals, &m_Before);
 }
 
 bool timed_wait(boost::condition_variable_any& condition, boost::recursive_mutex& mutex, int ms) {
     const boost::system_time deadline =
         boost::get_system_time() + boost::posix_time::milliseconds(ms);
+    const boost::this_thread::disable_interruption nothingThrows;
     boost::unique_lock<boost::recursive_mutex> lock(mutex);
     return condition.timed_wait(lock, deadline);
 }
@@ -73,8 +64,10 @@ ProtocolBase::ProtocolBase()
       m_bNoDispatcher(false),
       m_nConnectTimeout(10),
       m_nConnection(0),
+      m_nClosers(0),
       m_nPumping(0),
-      m_bThreadsEnded(false) {
+      m_bTornDown(false),
+      m_bEnded(false) {
     std::fill_n(m_CmdHandlers, 256, static_cast<CmdHandler>(&ProtocolBase::OnUnknownCommand));
     std::fill_n(m_RecvHandlers, 256, &ProtocolBase::RecvUnknownData);
     std::signal(SIGPIPE, SIG_IGN);
@@ -85,9 +78,8 @@ ProtocolBase::~ProtocolBase() {
 }
 
 void ProtocolBase::EndThreads() {
-    if (m_bThreadsEnded)
+    if (m_bEnded.exchange(true))
         return;
-    m_bThreadsEnded = true;
     ProtocolBase::CloseConnect();
     // Also when an own thread may not close: the others still end.
     m_bRunning = false;
@@ -98,6 +90,10 @@ void ProtocolBase::EndThreads() {
 int ProtocolBase::InitThread(bool bNoDispatcher) {
     // Its callback may be waiting for a lock or an answer, but sees m_bRunning and m_nConnection.
     ResetThreadPtr(&m_pDispatcherThread);
+    if (m_bEnded) {
+        CloseConnect();
+        return SR_RAISE(kErrStillClosing, "", "");
+    }
     m_bRunning = true;
     m_pThreadGroup = new (std::nothrow) boost::thread_group;
     if (m_pThreadGroup == nullptr) {
@@ -107,6 +103,7 @@ int ProtocolBase::InitThread(bool bNoDispatcher) {
     SR_RAISE(0, "", "");
 
     const unsigned connection = m_nConnection;
+    const internals::SignalsBlocked blocked;
     if (!bNoDispatcher) {
         {
             boost::lock_guard<decltype(m_EventMutex)> lock(m_EventMutex);
@@ -127,7 +124,6 @@ int ProtocolBase::InitThread(bool bNoDispatcher) {
     std::promise<void> gate;
     const std::shared_future<void> opened = gate.get_future().share();
     boost::thread* network = StartThread([this, connection, opened] {
-        BlockSignals();
         opened.wait();
         OwnRole() = {this, Role::Network, connection};
         NetworkThread();
@@ -146,7 +142,7 @@ void ProtocolBase::SetCmdPrefix(const char* prefix, int len) {
     SR_LOG(kLogDebug, "SetCmdPrefix %d", len);
     boost::lock_guard<decltype(m_RecvMutex)> recvLock(m_RecvMutex);
     boost::lock_guard<decltype(m_SendMutex)> sendLock(m_SendMutex);
-    m_strCmdPrefix.assign(prefix, static_cast<size_t>(len));
+    m_strCmdPrefix.assign(prefix, static_cast<size_t>(std::max(len, 0)));
     m_strSendBuf.resize(m_strCmdPrefix.size() + 1);
     m_strSendBuf.replace(0, m_strCmdPrefix.size(), m_strCmdPrefix);
 }
@@ -156,9 +152,10 @@ void ProtocolBase::SetCustCmdPrefix(const char* prefix) {
     m_strCustCmdPrefix.assign(prefix, m_strCmdPrefix.size());
 }
 
-void ProtocolBase::SetSndRcvTimeout(int sec) {
+int ProtocolBase::SetSndRcvTimeout(int sec) {
     SR_LOG(kLogDebug, "SetSndRcvTimeout %d", sec);
     m_nSndRcvTimeout = sec;
+    return 0;
 }
 
 bool ProtocolBase::IsFuncPending() {

@@ -47,7 +47,7 @@ bool timed_wait(boost::condition_variable_any& condition, boost::recursive_mutex
  * in its destructor.
  *
  * Results: int, 0 or positive on success, else the negative code that is also recorded
- * (GetErrorCode). Nothing throws.
+ * (GetErrorCode). Nothing throws but std::bad_alloc on a caller's thread.
  */
 class SR_API ProtocolBase : public NibErrorHandler {
 public:
@@ -76,8 +76,8 @@ public:
      */
     virtual void SetCustCmdPrefix(const char* prefix);
 
-    /// Socket send and receive time-out in seconds for the next connection (default 30).
-    virtual void SetSndRcvTimeout(int sec);
+    /// Socket send and receive time-out in seconds for the next connection (default 30). Returns 0.
+    virtual int SetSndRcvTimeout(int sec);
 
     /**
      * Closes the connection there is and opens a new one: tries all ports at once and keeps the
@@ -91,9 +91,10 @@ public:
      *         ports; -6528005 another connection is in the way; -6527001 no thread could be
      * started; -6527002 called on one of this object's own threads; -errno no socket.
      *
-     * Threads: any but the dispatcher and network threads. Concurrent calls wait for one another;
-     * at most one connection remains. Blocks:  nTimeout, after what closing takes (CloseConnect)
-     * and a running event handler.
+     * Threads: any but the dispatcher and network threads. Concurrent calls wait for one another; at
+     *          most one connection remains.
+     * Blocks:  nTimeout, after what closing takes (CloseConnect), a running event handler and the
+     *          calls of other threads.
      */
     virtual int OpenConnect(const char* host,
                             const std::vector<unsigned short>& vecPort,
@@ -126,12 +127,13 @@ public:
      *         error already recorded (-6528002 ...) when the link had failed; -6527002 when called
      *         from inside a message pump.
      *
-     * Threads: any but the network thread. One request is in flight at a time: a second one takes
-     * the place of the first, which then times out, unless both wait for the same code. Blocks:  at
-     * most 5 s to send, timeoutSec to wait, and 5 s for a payload read in progress. A request whose
-     * connection ends or is replaced returns within about 30 ms. Limits:  only the command byte
-     * ties an answer to its request. An answer that comes after the time-out ends the next request
-     * of the same code.
+     * Threads: any but the network thread. One request is in flight at a time: a second one takes the
+     *          place of the first, which then times out, unless both wait for the same code.
+     * Blocks:  at most 5 s to send and timeoutSec to wait; an answer that has begun to arrive by then
+     *          gets 5 s more, and a read in progress its 5 s. A request whose connection ends or is
+     *          replaced returns within about 30 ms, or after the read in progress.
+     * Limits:  only the command byte ties an answer to its request. An answer that comes after the
+     *          time-out ends the next request of the same code.
      */
     virtual int RequestCommand(int reqCode,
                                int ansCode,
@@ -152,9 +154,9 @@ public:
      *
      * @return 0; -6527002 on the network thread, which it would have to join.
      *
-     * Threads: any but the network thread. Inside an event handler it closes the connection that
-     * the event came from, if that is still the current one. Blocks:  about 30 ms; at most 5 s more
-     * for a read in mid-frame and 5 s for a running send.
+     * Threads: any but the network thread. Inside an event handler it closes the connection that the
+     *          event came from, if that is still the current one.
+     * Blocks:  about 30 ms; at most 5 s more for a read in mid-frame and 5 s for a running send.
      */
     virtual int CloseConnect();
 
@@ -216,13 +218,14 @@ public:
     /// The default reader, of a frame without payload.
     int RecvUnknownData(std::string& data);
 
-protected:
     /**
      * Closes the connection and joins all threads, for destructors: a derived class's members and
-     * overrides are gone before the base's destructor runs. A second call does nothing.
+     * overrides are gone before the base's destructor runs. Calls of other threads end as
+     * cancelled, and nothing opens any more (-6528005). A second call does nothing.
      */
     void EndThreads();
 
+protected:
     /**
      * Network thread, inside a reader of an answer: true once nobody waits for it any more. A
      * reader of many pieces looks at it between them, so that a receiver that trickles its answer
@@ -264,6 +267,7 @@ private:
     enum class Step { Ready, Retry, LinkLost };  // LinkLost: the error is recorded already
     enum class WaitEnd { Answered, TimedOut, Cancelled };
     struct WaitingRequest;
+    class Unlisting;
     struct Candidate;
     typedef boost::unique_lock<OrderedMutex<LockRank::Connection>> ConnLock;
 
@@ -282,10 +286,12 @@ private:
     void Adopt(int sock);
     void LowerRunning();
     void EndNetworkThread();
+    void CloseSocket();
+    void ClaimConnection();
+    bool IsOfEarlierConnection() const;
 
     // Network thread
     bool IsPeerStillAlive();
-    bool IsTornDown() const;
     Step WaitReadable(struct timeval* timeout);
     Step ReadOneFrame(std::string& prefix, std::string& payload);
     Step SyncToPrefix(std::string& prefix);
@@ -294,6 +300,7 @@ private:
     int ReadPayload(unsigned char cmd, std::string& payload);
     Step ReadAnswer(unsigned char cmd, std::string& payload);
     Step TakeEvent(unsigned char cmd, std::string& payload);
+    bool Queue(unsigned char cmd, const std::string& payload);
     Step LoseLink(int line);
     void HandOverToCloseThread();
     bool DisposeOfCloseThread();
@@ -308,15 +315,22 @@ private:
     bool StopWaiting(WaitingRequest& request);
     void SettleWaiting();
     // Requests; no lock
+    typedef boost::unique_lock<OrderedMutex<LockRank::Send>> SendLock;
+    SendLock LockForSending();
     bool IsAnswered(WaitingRequest& request);
+    bool IsCancelled(const WaitingRequest& request) const;
     WaitEnd WaitForAnswer(WaitingRequest& request, bool peek, int timeoutSec, int& errorBefore);
+    void LetReaderFinish(const WaitingRequest& request, SendLock& lock);
+    int RecordCancelled(int errorBefore);
     void PumpMessages(bool all);
-    bool IsReentered();
+    bool IsReentered(bool (*pending)(ProtocolBase&));
 
     std::atomic<unsigned> m_nConnection;  // changes with every connection, and when it is closed
     std::vector<WaitingRequest*> m_vecWaiting;  // those that m_nAnsCode stands for; by m_SendMutex
+    std::atomic<int> m_nClosers;                // threads that need the socket from its senders
     std::atomic<int> m_nPumping;                // threads inside a message pump
-    bool m_bThreadsEnded;                       // destructors only
+    std::atomic<bool> m_bTornDown;              // m_bRunning was lowered by a teardown
+    std::atomic<bool> m_bEnded;                 // raised by EndThreads
 };
 
 #endif  // TESKCLIENT_PROTOCOLBASE_H_

@@ -91,7 +91,7 @@ int ProtocolBase::OpenSocket(const char* host,
     SR_LOG(kLogDebug, "OpenSocket %s %d %d this:%p", host, static_cast<int>(vecPort.size()),
            nTimeout, static_cast<void*>(this));
     boost::lock_guard<decltype(m_ConnMutex)> lock(m_ConnMutex);
-    if (IsReentered())
+    if (IsReentered([](ProtocolBase& self) { return self.IsFuncPending(); }))
         return SR_RAISE(kErrReentry, "ProtocolBase::OpenSocket", "");
     if (m_Socket.get() != -1)
         return SR_RAISE(kErrStillClosing, "", "");
@@ -212,14 +212,36 @@ void ProtocolBase::RestoreBlocking(int sock) {
 
 // m_ConnMutex held. The send lock makes a frame and its request belong to one connection.
 void ProtocolBase::Adopt(int sock) {
-    boost::lock_guard<decltype(m_SendMutex)> lock(m_SendMutex);
-    SettleWaiting();
-    m_nAnsCode = 0;
-    m_Socket = sock;
+    ++m_nClosers;
+    {
+        boost::lock_guard<decltype(m_SendMutex)> lock(m_SendMutex);
+        SettleWaiting();
+        m_nAnsCode = 0;
+        m_bTornDown = false;
+        m_Socket = sock;
+        ++m_nConnection;
+    }
+    --m_nClosers;
+    ClaimConnection();
+}
+
+// m_ConnMutex held.
+void ProtocolBase::CloseSocket() {
+    ++m_nClosers;
+    if (m_Socket.get() != -1)
+        m_Socket.close();
     ++m_nConnection;
-    // A close thread that opened the next connection may close that one too.
-    if (RoleTowards(this) != Role::Stranger)
+    --m_nClosers;
+}
+
+// A close thread that replaces the connection that it was started for belongs to the next one.
+void ProtocolBase::ClaimConnection() {
+    if (RoleTowards(this) == Role::Close)
         internals::OwnRole().connection = m_nConnection;
+}
+
+bool ProtocolBase::IsOfEarlierConnection() const {
+    return RoleTowards(this) != Role::Stranger && internals::OwnRole().connection != m_nConnection;
 }
 
 void ProtocolBase::ConfigSocket(int sock) {
@@ -241,7 +263,7 @@ int ProtocolBase::InitSocket(int sock, bool bNoDispatcher) {
     SR_LOG(kLogDebug, "InitSocket sock:%d this:%p %d", sock, static_cast<void*>(this),
            bNoDispatcher);
     boost::lock_guard<decltype(m_ConnMutex)> lock(m_ConnMutex);
-    if (IsReentered())
+    if (IsReentered([](ProtocolBase& self) { return self.IsFuncPending(); }))
         return SR_RAISE(kErrReentry, "ProtocolBase::InitSocket", "");
     CloseConnect();
     if (m_Socket.get() != -1)
@@ -255,22 +277,22 @@ int ProtocolBase::ReConnect() {
     if (WouldJoinItself())
         return RefuseOwnThread();
     ConnLock lock(m_ConnMutex, boost::defer_lock);
-    if (!LockOwnConnection(lock))
-        return SR_RAISE(kErrInitObject, "Invalid m_Socket", "");
-    SR_LOG(kLogDebug, "ReConnect %s sock:%d this:%p", m_strHost.c_str(), m_Socket.get(),
+    // A close thread that comes late finds what a closed connection leaves.
+    const std::string host = LockOwnConnection(lock) ? m_strHost : "";
+    SR_LOG(kLogDebug, "ReConnect %s sock:%d this:%p", host.c_str(), m_Socket.get(),
            static_cast<void*>(this));
-    if (m_strHost.empty())
+    if (host.empty())
         return SR_RAISE(kErrInitObject, "m_strHost", "");
     if (m_Socket.get() == -1)
         return SR_RAISE(kErrInitObject, "Invalid m_Socket", "");
 
     // The threads of a connection that is alive end first: two network threads on one socket would
-    // tear its frames apart. Copies, because opening writes the members.
+    // tear its frames apart.
     LowerRunning();
     EndNetworkThread();
-    m_Socket.close();
-    const std::string host = m_strHost;
-    const std::vector<unsigned short> ports = m_vecPort;
+    CloseSocket();
+    ClaimConnection();
+    const std::vector<unsigned short> ports = m_vecPort;  // a copy: opening writes the member
     return OpenConnectImpl(host.c_str(), ports, m_bNoDispatcher, m_nConnectTimeout);
 }
 
@@ -289,14 +311,13 @@ int ProtocolBase::CloseConnect() {
         return 0;
     LowerRunning();
     EndNetworkThread();
-    if (m_Socket.get() != -1)
-        m_Socket.close();
-    ++m_nConnection;
+    CloseSocket();
     m_strHost.clear();
     return 0;
 }
 
 void ProtocolBase::LowerRunning() {
+    m_bTornDown = true;
     m_bClosing = true;
     m_bRunning = false;
 }
@@ -305,6 +326,7 @@ void ProtocolBase::LowerRunning() {
 void ProtocolBase::EndNetworkThread() {
     if (m_pThreadGroup == nullptr)
         return;
+    const boost::this_thread::disable_interruption nothingThrows;
     m_pThreadGroup->join_all();
     delete m_pThreadGroup;
     m_pThreadGroup = nullptr;

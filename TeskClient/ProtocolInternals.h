@@ -3,9 +3,9 @@
 
 // Shared by the source files of ProtocolBase; not for derived classes.
 
+#include <signal.h>
 #include <unistd.h>
 
-#include <boost/function.hpp>
 #include <boost/thread/thread.hpp>
 
 #include "TeskClient/ErrorTable.h"
@@ -19,7 +19,7 @@
 namespace internals {
 
 constexpr int kSliceMs = 30;
-constexpr int kReadTimeoutMs = 5000;
+constexpr unsigned int kReadTimeoutMs = 5000;
 
 inline void SleepSlice() {
     usleep(kSliceMs * 1000);
@@ -42,8 +42,32 @@ inline Role RoleTowards(const ProtocolBase* object) {
     return OwnRole().object == object ? OwnRole().role : Role::Stranger;
 }
 
+/**
+ * Keeps the application's signals away from threads that are started meanwhile, from their first
+ * instruction on: to the network thread an interrupted select() is a lost link, and a handler that
+ * calls exit() must not meet a lock that its own thread holds. Signals that report a fault of a
+ * thread stay its own.
+ */
+class SignalsBlocked {
+public:
+    SignalsBlocked();
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t m_Before;
+};
+
 /// Null when no thread can be had; nothing throws.
-boost::thread* StartThread(const boost::function<void()>& body);
+template <class Body>
+boost::thread* StartThread(const Body& body) {
+    try {
+        return new boost::thread(body);
+    } catch (...) {
+        return nullptr;
+    }
+}
 
 }  // namespace internals
 
@@ -53,11 +77,11 @@ boost::thread* StartThread(const boost::function<void()>& body);
  * if its code had been cleared by then, else overtaken, which nobody answers any more.
  */
 struct SR_HIDDEN ProtocolBase::WaitingRequest {
-    enum class State { Listed, Answered, Overtaken };
+    enum class State { Unlisted, Listed, Answered, Overtaken };
 
-    std::atomic<State> state{State::Listed};  // written under m_SendMutex
-    std::atomic<bool> abandoned{false};       // its caller has stopped waiting
-    unsigned connection = 0;                  // the one that it was sent on
+    std::atomic<State> state{State::Unlisted};  // written under m_SendMutex
+    std::atomic<bool> abandoned{false};         // its caller wants nothing but to leave
+    unsigned connection = 0;                    // the one that it was sent on
 };
 
 #endif  // TESKCLIENT_PROTOCOLINTERNALS_H_

@@ -23,6 +23,9 @@ using internals::SleepSlice;
 
 namespace {
 
+// Bytes dropped before the lock is let go, so that a flood cannot keep SetCmdPrefix() out.
+constexpr int kGarbageAtOnce = 1024;
+
 bool IsBroken(int result) {
     return result == 0 || result == -1;
 }
@@ -91,26 +94,21 @@ ProtocolBase::Step ProtocolBase::ReadOneFrame(std::string& prefix, std::string& 
     if (!prefix.empty() && prefix != m_strCmdPrefix)
         return IsBroken(OnCustCommand()) ? LoseLink(recorded::kCustCommandFailed) : Step::Retry;
 
+    // A peer that trickles its frame must not hold a teardown for more than the read in progress.
     char cmd = 0;
-    if (IsTornDown())
+    if (m_bTornDown)
         return Step::Retry;
     if (IsBroken(m_Socket.recv(&cmd, 1, 0, kReadTimeoutMs)))
         return LoseLink(recorded::kReadCommandFailed);
-    if (IsTornDown())
+    if (m_bTornDown)
         return Step::Retry;
     return TakeFrame(static_cast<unsigned char>(cmd), payload);
-}
-
-// Between the reads of one frame: a peer that trickles it must not hold the teardown for more than
-// the read in progress.
-bool ProtocolBase::IsTornDown() const {
-    return m_bClosing && !m_bRunning;
 }
 
 // Drops what stands in front of a prefix and consumes the prefix. m_RecvMutex held.
 ProtocolBase::Step ProtocolBase::SyncToPrefix(std::string& prefix) {
     const int size = static_cast<int>(prefix.size());
-    while (m_bRunning) {
+    for (int dropped = 0; m_bRunning && dropped < kGarbageAtOnce; ++dropped) {
         const int got = m_Socket.recv(&prefix[0], size, MSG_PEEK, kReadTimeoutMs);
         if (IsBroken(got))
             return LoseLink(recorded::kPeekPrefixFailed);
@@ -193,12 +191,22 @@ ProtocolBase::Step ProtocolBase::TakeEvent(unsigned char cmd, std::string& paylo
         return LoseLink(recorded::kEventReaderFailed);
     SR_LOG(kLogInfo, "<== NetworkThread got event 0x%02X, len=%d sock:%d this:%p", cmd,
            static_cast<int>(payload.size()), m_Socket.get(), static_cast<void*>(this));
-    {
-        boost::lock_guard<decltype(m_EventMutex)> lock(m_EventMutex);
-        m_EventQueue.emplace_back(cmd, payload);
-    }
+    if (!Queue(cmd, payload))
+        return LoseLink(recorded::kEventReaderFailed);
     m_EventCond.notify_all();
     return Step::Retry;
+}
+
+// Events that nobody fetches may use up the memory.
+bool ProtocolBase::Queue(unsigned char cmd, const std::string& payload) {
+    try {
+        boost::lock_guard<decltype(m_EventMutex)> lock(m_EventMutex);
+        m_EventQueue.emplace_back(cmd, payload);
+        return true;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return false;
+    }
 }
 
 ProtocolBase::Step ProtocolBase::LoseLink(int line) {
@@ -224,6 +232,7 @@ void ProtocolBase::HandOverToCloseThread() {
 // has lowered m_bRunning, closes, and needs no successor. False in that case.
 bool ProtocolBase::DisposeOfCloseThread() {
     const boost::posix_time::milliseconds slice(internals::kSliceMs);
+    const boost::this_thread::disable_interruption nothingThrows;
     while (m_pCloseThread != nullptr && m_bRunning) {
         if (m_pCloseThread->timed_join(slice)) {
             delete m_pCloseThread;

@@ -18,6 +18,24 @@ thread_local const ProtocolBase* t_pPumping = nullptr;
 // for a reader that is still writing its result, and nothing writes there once the caller has
 // returned.
 
+/// Ends a request whose caller leaves without having done so.
+class ProtocolBase::Unlisting {
+public:
+    Unlisting(ProtocolBase& protocol, WaitingRequest& request)
+        : m_Protocol(protocol), m_Request(request) {}
+    ~Unlisting() {
+        if (m_Request.state != WaitingRequest::State::Listed)
+            return;
+        m_Request.abandoned = true;
+        boost::lock_guard<decltype(m_SendMutex)> lock(m_Protocol.m_SendMutex);
+        m_Protocol.StopWaiting(m_Request);
+    }
+
+private:
+    ProtocolBase& m_Protocol;
+    WaitingRequest& m_Request;
+};
+
 int ProtocolBase::RequestCommand(int reqCode,
                                  int ansCode,
                                  const char* name,
@@ -31,11 +49,16 @@ int ProtocolBase::RequestCommand(int reqCode,
            static_cast<int>(payload.size()), peek, timeoutSec, m_bFuncPending.load(),
            m_Socket.get(), static_cast<void*>(this));
     WaitingRequest request;
+    // Also when the thread is cancelled in its wait: the list must not keep a frame that is gone.
+    const Unlisting unlisting(*this, request);
     {
-        boost::lock_guard<decltype(m_SendMutex)> lock(m_SendMutex);
-        if (IsReentered())
+        const SendLock lock = LockForSending();
+        if (IsReentered([](ProtocolBase& self) { return self.m_bFuncPending.load(); }))
             return SetErrorAt(kErrReentry, "ProtocolBase::RequestCommand", "",
                               recorded::kEngineFile, recorded::kRequestReentered);
+        // A callback must not send into the connection that has replaced its own.
+        if (m_bEnded || IsOfEarlierConnection())
+            return RecordCancelled(GetErrorCode());
         const char code = static_cast<char>(reqCode);
         BuildFrame({&code, 1}, payload);
         StartWaiting(request, static_cast<unsigned char>(ansCode));
@@ -48,19 +71,21 @@ int ProtocolBase::RequestCommand(int reqCode,
 
     int errorBefore = 0;
     const WaitEnd end = WaitForAnswer(request, peek, timeoutSec, errorBefore);
-    request.abandoned = end != WaitEnd::Answered;
     bool answered;
     {
-        boost::lock_guard<decltype(m_SendMutex)> lock(m_SendMutex);
+        SendLock lock(m_SendMutex, boost::defer_lock);
+        if (end == WaitEnd::TimedOut)
+            LetReaderFinish(request, lock);
+        request.abandoned = true;
+        if (!lock.owns_lock())
+            lock.lock();
         answered = StopWaiting(request);
     }
     // An answer that came while giving up still counts: it has been read.
     if (answered)
         return SetErrorAt(0, "", "", recorded::kEngineFile, recorded::kRequestAnswered);
     if (end == WaitEnd::Cancelled)
-        return errorBefore < 0 ? errorBefore
-                               : SetErrorAt(kErrNoAnswer, "Cancel", "?", recorded::kEngineFile,
-                                            recorded::kRequestCancelled);
+        return RecordCancelled(errorBefore);
     if (timeoutSec != 0)
         return SetErrorAt(kErrNoAnswer, name, std::to_string(timeoutSec).c_str(),
                           recorded::kEngineFile, recorded::kRequestTimedOut);
@@ -69,23 +94,43 @@ int ProtocolBase::RequestCommand(int reqCode,
     return SetErrorAt(0, "", "", recorded::kEngineFile, recorded::kRequestNoWait);
 }
 
+// What ended the connection is the better reason, and stands recorded.
+int ProtocolBase::RecordCancelled(int errorBefore) {
+    if (errorBefore < 0)
+        return KeepFailure(errorBefore);
+    return SetErrorAt(kErrNoAnswer, "Cancel", "?", recorded::kEngineFile,
+                      recorded::kRequestCancelled);
+}
+
 int ProtocolBase::AckCommand(int ackCode, const char* name, const std::string& data) {
-    boost::lock_guard<decltype(m_SendMutex)> lock(m_SendMutex);
+    const SendLock lock = LockForSending();
     SR_LOG(kLogInfo, "==> AckCommand Ack:0x%02X %s size:%d sock:%d this:%p",
            static_cast<unsigned>(ackCode), name, static_cast<int>(data.size()), m_Socket.get(),
            static_cast<void*>(this));
     const char code = static_cast<char>(ackCode);
+    if (IsOfEarlierConnection())
+        return 0;
     BuildFrame({&code, 1}, data);
     return SendBuffer(0);
 }
 
 int ProtocolBase::SendCommandData(const char* data, int len, int flags, bool log) {
-    boost::lock_guard<decltype(m_SendMutex)> lock(m_SendMutex);
+    const SendLock lock = LockForSending();
     if (log)
         SR_LOG(kLogInfo, "==> SendCommandData len:%d sock:%d this:%p", len, m_Socket.get(),
                static_cast<void*>(this));
-    BuildFrame({}, {data, static_cast<size_t>(len)});
+    if (IsOfEarlierConnection())
+        return 0;
+    BuildFrame({}, {data, static_cast<size_t>(std::max(len, 0))});
     return SendBuffer(flags);
+}
+
+// Steps aside once for a thread that opens or closes: a caller that sends in a loop would take the
+// lock again before a waiting thread wakes up.
+ProtocolBase::SendLock ProtocolBase::LockForSending() {
+    if (m_nClosers != 0)
+        internals::SleepSlice();
+    return SendLock(m_SendMutex);
 }
 
 // The prefix stands in the buffer already. m_SendMutex held.
@@ -107,6 +152,7 @@ void ProtocolBase::StartWaiting(WaitingRequest& request, unsigned char ansCode) 
         SettleWaiting();
     request.connection = m_nConnection;
     m_vecWaiting.push_back(&request);
+    request.state = WaitingRequest::State::Listed;
     m_nAnsCode = ansCode;
 }
 
@@ -115,6 +161,7 @@ bool ProtocolBase::StopWaiting(WaitingRequest& request) {
     if (request.state != WaitingRequest::State::Listed)
         return request.state == WaitingRequest::State::Answered;
     const bool answered = m_nAnsCode == 0;
+    request.state = answered ? WaitingRequest::State::Answered : WaitingRequest::State::Overtaken;
     m_vecWaiting.erase(std::find(m_vecWaiting.begin(), m_vecWaiting.end(), &request));
     if (m_vecWaiting.empty())
         m_nAnsCode = 0;
@@ -145,6 +192,10 @@ bool ProtocolBase::IsAnswerAbandoned() const {
                        [](const WaitingRequest* waiting) { return waiting->abandoned.load(); });
 }
 
+bool ProtocolBase::IsCancelled(const WaitingRequest& request) const {
+    return !m_bRunning || m_nConnection != request.connection;
+}
+
 ProtocolBase::WaitEnd ProtocolBase::WaitForAnswer(WaitingRequest& request,
                                                   bool peek,
                                                   int timeoutSec,
@@ -152,7 +203,7 @@ ProtocolBase::WaitEnd ProtocolBase::WaitForAnswer(WaitingRequest& request,
     const unsigned int start = GetTickCount();
     const long long limit = 1000LL * timeoutSec;
     while (GetTickCount() - start < limit) {
-        if (!m_bRunning || m_nConnection != request.connection) {
+        if (IsCancelled(request)) {
             errorBefore = GetErrorCode();
             return WaitEnd::Cancelled;
         }
@@ -162,6 +213,17 @@ ProtocolBase::WaitEnd ProtocolBase::WaitForAnswer(WaitingRequest& request,
         timed_wait(m_AnsCond, m_AnsWaitMutex, internals::kSliceMs);
     }
     return WaitEnd::TimedOut;
+}
+
+// An answer that has begun to arrive when the time is up gets one more read time-out to be whole.
+// Takes m_SendMutex once the reader has let go of it.
+void ProtocolBase::LetReaderFinish(const WaitingRequest& request, SendLock& lock) {
+    const unsigned int start = GetTickCount();
+    while (!lock.try_lock()) {
+        if (IsCancelled(request) || GetTickCount() - start >= internals::kReadTimeoutMs)
+            return;
+        internals::SleepSlice();
+    }
 }
 
 void ProtocolBase::PumpMessages(bool all) {
@@ -178,14 +240,14 @@ void ProtocolBase::PumpMessages(bool all) {
     t_pPumping = outer;
 }
 
-// A call from inside this thread's own pump is a re-entry. Another thread's pump raises the flag
-// too, for a moment; that must not refuse a call. The two are read one after the other while both
-// move, so a single look could be wrong.
-bool ProtocolBase::IsReentered() {
+// A call from inside this thread's own pump is a re-entry. Another thread's pump raises the flag too,
+// for a moment; that must not refuse a call. The two are read one after the other while both move, so
+// a single look could be wrong.
+bool ProtocolBase::IsReentered(bool (*pending)(ProtocolBase&)) {
     if (t_pPumping == this)
         return true;
     for (int look = 0; look < 3; ++look) {
-        if (!IsFuncPending() || m_nPumping != 0)
+        if (!pending(*this) || m_nPumping != 0)
             return false;
     }
     return true;

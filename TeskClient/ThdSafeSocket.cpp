@@ -31,7 +31,16 @@ ThdSafeSocket::~ThdSafeSocket() = default;
 int ThdSafeSocket::close() {
     boost::lock_guard<decltype(m_SendLock)> sendLock(m_SendLock);
     boost::lock_guard<decltype(m_RecvLock)> recvLock(m_RecvLock);
-    return ::close(m_nSocket.exchange(-1));
+    const int fd = m_nSocket.exchange(-1);
+    // A descriptor that was set to linger would block here until its bytes are acknowledged. Zero
+    // seconds do not block: they ask for a reset.
+    linger option = {};
+    socklen_t size = sizeof option;
+    if (getsockopt(fd, SOL_SOCKET, SO_LINGER, &option, &size) == 0 && option.l_linger > 0) {
+        option.l_onoff = 0;
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &option, sizeof option);
+    }
+    return ::close(fd);
 }
 
 void ThdSafeSocket::set(int fd) {

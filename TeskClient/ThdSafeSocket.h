@@ -19,7 +19,7 @@
 class SR_API ThdSafeSocket {
 public:
     ThdSafeSocket();
-    explicit ThdSafeSocket(int fd);
+    ThdSafeSocket(int fd);
     ThdSafeSocket(const ThdSafeSocket&) = delete;
     ThdSafeSocket& operator=(const ThdSafeSocket&) = delete;
     ~ThdSafeSocket();
@@ -77,7 +77,7 @@ private:
 /// Closes a descriptor on destruction unless `released`. A copy takes the descriptor over.
 class SR_API auto_closesocket {  // NOLINT(readability-identifier-naming): the given name
 public:
-    explicit auto_closesocket(int fd = -1) : m_nSocket(fd) {}
+    auto_closesocket(int fd = -1) : m_nSocket(fd) {}
     auto_closesocket(const auto_closesocket& other);
     auto_closesocket& operator=(const auto_closesocket& other);
     ~auto_closesocket();

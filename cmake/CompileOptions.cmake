@@ -8,9 +8,9 @@ target_compile_options(sr_options INTERFACE
 
 if(SR_SANITIZE STREQUAL "address")
     set(SR_SANITIZE_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=all
-                          -fno-omit-frame-pointer)
+                          -fno-omit-frame-pointer -O1 -g1)
 elseif(SR_SANITIZE STREQUAL "thread")
-    set(SR_SANITIZE_FLAGS -fsanitize=thread -fno-omit-frame-pointer)
+    set(SR_SANITIZE_FLAGS -fsanitize=thread -fno-omit-frame-pointer -O1 -g1)
 elseif(SR_SANITIZE)
     message(FATAL_ERROR "SR_SANITIZE must be address, thread or empty, not '${SR_SANITIZE}'")
 endif()

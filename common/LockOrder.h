@@ -5,35 +5,33 @@
 #include <boost/thread/recursive_mutex.hpp>
 
 #ifdef SR_CHECK_LOCK_ORDER
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <vector>
+#include <iterator>
 #endif
 
 /**
  * The one table of the lock order. A thread takes ranks upwards only; a mutex that it already holds
  * it may take again, whatever else it holds.
  *
- * | rank | mutex                                 | guards                       | while held |
- * |------|---------------------------------------|------------------------------|----------------------------|
- * | 5    | ScreenReceiverStub::m_RequestMutex    | the result pointer           | a whole request |
- * | 10   | ProtocolBase::m_ConnMutex             | host, ports, threads         | connecting,
- * joining        | | 20   | ProtocolBase::m_RecvMutex             | prefix, one frame's reading  |
- * payload reads              | | 25   | ProtocolBase::m_EventMutex            | event queue | push
- * and pop               | | 30   | ProtocolBase::m_SendMutex             | send buffer, m_nAnsCode
- * | a send; the reply reader   | | 40   | ProtocolBase::m_AnsWaitMutex          | waits on
- * m_AnsCond           | the wait                   | | 45   | ProtocolBase::m_EventWaitMutex |
- * waits on m_EventCond         | the wait                   | | 50   | ThdSafeSocket send lock |
- * descriptor against close     | one send, 5 s at most      | | 55   | ThdSafeSocket receive lock
- * | the same, and the peek buffer| one receive                | | 80   |
- * NibErrorHandler::m_ErrMutex           | error record                 | one message, one log line
- * | | 90   | Logger::m_mutex                       | log stream                   | one line and
- * its flush     |
+ * | rank | mutex                              | guards                       | while held                |
+ * |------|------------------------------------|------------------------------|---------------------------|
+ * | 5    | ScreenReceiverStub::m_RequestMutex | the result pointer           | a whole request           |
+ * | 10   | ProtocolBase::m_ConnMutex          | host, ports, threads         | connecting, joining       |
+ * | 20   | ProtocolBase::m_RecvMutex          | prefix, one frame's reading  | payload reads             |
+ * | 25   | ProtocolBase::m_EventMutex         | event queue                  | push and pop              |
+ * | 30   | ProtocolBase::m_SendMutex          | send buffer, m_nAnsCode      | a send; the reply reader  |
+ * | 40   | ProtocolBase::m_AnsWaitMutex       | waits on m_AnsCond           | the wait                  |
+ * | 45   | ProtocolBase::m_EventWaitMutex     | waits on m_EventCond         | the wait                  |
+ * | 50   | ThdSafeSocket send lock            | descriptor against close     | one send, 5 s at most     |
+ * | 55   | ThdSafeSocket receive lock         | the same and the peek buffer | one receive               |
+ * | 80   | NibErrorHandler::m_ErrMutex        | error record                 | one message, one log line |
+ * | 90   | Logger::m_mutex                    | log stream                   | one line and its flush    |
  *
  * Three rules follow from it. The network thread never takes m_ConnMutex, for its holder may be
- * joining it. The dispatcher and close threads take it only by polling
- * (ProtocolBase::LockOwnConnection), for its holder may be joining the dispatcher. Teardown never
- * takes the request lock.
+ * joining it. The dispatcher takes it only by polling (ProtocolBase::LockOwnConnection), for its
+ * holder may be joining the dispatcher. Teardown never takes the request lock.
  *
  * No callback of the application ever runs under one of these locks.
  */
@@ -60,34 +58,38 @@ struct Held {
     const void* mutex;
 };
 
-inline std::vector<Held>& HeldByThisThread() {
-    thread_local std::vector<Held> held;
-    return held;
-}
+// Trivial, so that it still stands when the destructors of static objects take locks.
+struct HeldList {
+    Held held[32];
+    int count;
+};
+inline thread_local HeldList t_Held = {};
 
 inline void Check(LockRank rank, const void* mutex) {
-    for (const Held& held : HeldByThisThread()) {
-        if (held.mutex == mutex)
+    for (int i = 0; i < t_Held.count; ++i) {
+        if (t_Held.held[i].mutex == mutex)
             return;
     }
-    for (const Held& held : HeldByThisThread()) {
-        if (held.rank >= rank) {
+    for (int i = 0; i < t_Held.count; ++i) {
+        if (t_Held.held[i].rank >= rank) {
             std::fprintf(stderr, "lock order broken: rank %d taken while rank %d is held\n",
-                         static_cast<int>(rank), static_cast<int>(held.rank));
+                         static_cast<int>(rank), static_cast<int>(t_Held.held[i].rank));
             std::abort();
         }
     }
 }
 
 inline void OnAcquired(LockRank rank, const void* mutex) {
-    HeldByThisThread().push_back({rank, mutex});
+    if (t_Held.count == static_cast<int>(std::size(t_Held.held)))
+        std::abort();  // never that many: something takes locks without end
+    t_Held.held[t_Held.count++] = {rank, mutex};
 }
 
 inline void OnRelease(const void* mutex) {
-    std::vector<Held>& held = HeldByThisThread();
-    for (auto it = held.rbegin(); it != held.rend(); ++it) {
-        if (it->mutex == mutex) {
-            held.erase(std::next(it).base());
+    for (int i = t_Held.count - 1; i >= 0; --i) {
+        if (t_Held.held[i].mutex == mutex) {
+            std::copy(t_Held.held + i + 1, t_Held.held + t_Held.count, t_Held.held + i);
+            --t_Held.count;
             return;
         }
     }

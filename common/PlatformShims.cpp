@@ -88,6 +88,7 @@ void PeekSomeMessage(int) {}
 void ResetThreadPtr(boost::thread** thread) {
     if (*thread == nullptr)
         return;
+    const boost::this_thread::disable_interruption nothingThrows;
     (*thread)->join();
     delete *thread;
     *thread = nullptr;

@@ -33,6 +33,7 @@ class OpenErrors : public NibErrorHandler {
 public:
     using NibErrorHandler::BeginStep;
     using NibErrorHandler::CodeOfFailure;
+    using NibErrorHandler::KeepFailure;
     using NibErrorHandler::m_ErrMutex;
     using NibErrorHandler::m_Logger;
     using NibErrorHandler::m_nBackupErrCode;
@@ -520,15 +521,25 @@ TEST_F(ErrorHandlerTest, FailedStepReturnsItsOwnCode) {
     EXPECT_EQ(-6528001, m_Errors.CodeOfFailure(-1));
 }
 
-TEST_F(ErrorHandlerTest, StepThatRecordedNothingReturnsItsResult) {
+TEST_F(ErrorHandlerTest, StepThatRecordedNothingReturnsTheCurrentCode) {
     m_Errors.SetErrorAt(-6528001, "", "", "Site.cpp", 1);
     m_Errors.BeginStep();
+    EXPECT_EQ(-6528001, m_Errors.CodeOfFailure(-5));
+}
+
+TEST_F(ErrorHandlerTest, StepThatRecordedNothingReturnsItsResultWhenNoErrorIsCurrent) {
+    m_Errors.BeginStep();
     EXPECT_EQ(-5, m_Errors.CodeOfFailure(-5));
-    std::thread([&] { m_Errors.SetErrorAt(-6528002, "", "", "Other.cpp", 2); }).join();
-    EXPECT_EQ(-5, m_Errors.CodeOfFailure(-5)) << "what another thread records is not this step's";
     OpenErrors other;
     other.SetErrorAt(-6528004, "", "", "Site.cpp", 3);
-    EXPECT_EQ(-5, m_Errors.CodeOfFailure(-5)) << "nor what another object records";
+    EXPECT_EQ(-5, m_Errors.CodeOfFailure(-5)) << "what another object records is not this one's";
+}
+
+TEST_F(ErrorHandlerTest, StepThatKeepsARecordedFailureReturnsIt) {
+    m_Errors.BeginStep();
+    EXPECT_EQ(-6528002, m_Errors.KeepFailure(-6528002));
+    std::thread([&] { m_Errors.SetErrorAt(0, "", "", "Other.cpp", 2); }).join();
+    EXPECT_EQ(-6528002, m_Errors.CodeOfFailure(-5));
 }
 
 }  // namespace

@@ -97,38 +97,38 @@ TEST_F(LockOrderTest, RisingRanksAreAllowed) {
     m_Low.lock();
     m_Middle.lock();
     m_High.lock();
-    EXPECT_EQ(3u, lock_order::HeldByThisThread().size());
+    EXPECT_EQ(3, lock_order::t_Held.count);
     m_High.unlock();
     m_Middle.unlock();
     m_Low.unlock();
-    EXPECT_TRUE(lock_order::HeldByThisThread().empty());
+    EXPECT_EQ(0, lock_order::t_Held.count);
 }
 
 TEST_F(LockOrderTest, SameMutexAgainIsAllowed) {
     m_Middle.lock();
     m_Middle.lock();
-    EXPECT_EQ(2u, lock_order::HeldByThisThread().size());
+    EXPECT_EQ(2, lock_order::t_Held.count);
     m_Middle.unlock();
     m_Middle.unlock();
-    EXPECT_TRUE(lock_order::HeldByThisThread().empty());
+    EXPECT_EQ(0, lock_order::t_Held.count);
 }
 
 TEST_F(LockOrderTest, SameMutexAgainIsAllowedUnderAHigherOne) {
     m_Low.lock();
     m_High.lock();
     m_Low.lock();
-    EXPECT_EQ(3u, lock_order::HeldByThisThread().size());
+    EXPECT_EQ(3, lock_order::t_Held.count);
     m_Low.unlock();
     m_High.unlock();
     m_Low.unlock();
-    EXPECT_TRUE(lock_order::HeldByThisThread().empty());
+    EXPECT_EQ(0, lock_order::t_Held.count);
 }
 
 TEST_F(LockOrderTest, LowerRankIsAllowedOnceTheHigherOneIsReleased) {
     m_High.lock();
     m_High.unlock();
     m_Low.lock();
-    EXPECT_EQ(1u, lock_order::HeldByThisThread().size());
+    EXPECT_EQ(1, lock_order::t_Held.count);
     m_Low.unlock();
 }
 
@@ -136,10 +136,10 @@ TEST_F(LockOrderTest, ReleaseInAnyOrderIsFollowed) {
     m_Low.lock();
     m_Middle.lock();
     m_Low.unlock();
-    ASSERT_EQ(1u, lock_order::HeldByThisThread().size());
-    EXPECT_EQ(&m_Middle, lock_order::HeldByThisThread().front().mutex);
+    ASSERT_EQ(1, lock_order::t_Held.count);
+    EXPECT_EQ(&m_Middle, lock_order::t_Held.held[0].mutex);
     m_Middle.unlock();
-    EXPECT_TRUE(lock_order::HeldByThisThread().empty());
+    EXPECT_EQ(0, lock_order::t_Held.count);
 }
 
 TEST_F(LockOrderTest, TryingChecksNoRank) {
@@ -147,20 +147,20 @@ TEST_F(LockOrderTest, TryingChecksNoRank) {
     EXPECT_TRUE(m_Low.try_lock());
     m_Low.unlock();
     m_High.unlock();
-    EXPECT_TRUE(lock_order::HeldByThisThread().empty());
+    EXPECT_EQ(0, lock_order::t_Held.count);
 }
 
 TEST_F(LockOrderTest, FailedTryHoldsNothing) {
     m_Low.lock();
     bool taken = true;
-    size_t held = 1;
+    int held = 1;
     std::thread([&] {
         taken = m_Low.try_lock();
-        held = lock_order::HeldByThisThread().size();
+        held = lock_order::t_Held.count;
     }).join();
     m_Low.unlock();
     EXPECT_FALSE(taken);
-    EXPECT_EQ(0u, held);
+    EXPECT_EQ(0, held);
 }
 
 TEST_F(LockOrderTest, LocksOfAnotherThreadDoNotCount) {

@@ -82,7 +82,8 @@ TEST(HandlerTableTest, Every256HandlersAreTheDefault) {
     for (int code = 0; code < 256; ++code) {
         EXPECT_TRUE(protocol.m_CmdHandlers[code] == unknown) << code;
         char payload[] = "x";
-        EXPECT_EQ(-1, (protocol.*protocol.m_CmdHandlers[code])(payload)) << code;
+        const ProtocolBase::CmdHandler handler = protocol.m_CmdHandlers[code];
+        EXPECT_EQ(-1, (protocol.*handler)(payload)) << code;
     }
     EXPECT_EQ(256u, sizeof protocol.m_CmdHandlers / sizeof protocol.m_CmdHandlers[0]);
 }
@@ -93,7 +94,8 @@ TEST(HandlerTableTest, Every256ReadersAreTheDefault) {
     for (int code = 0; code < 256; ++code) {
         EXPECT_TRUE(protocol.m_RecvHandlers[code] == unknown) << code;
         std::string payload = "x";
-        EXPECT_EQ(1, (protocol.*protocol.m_RecvHandlers[code])(payload)) << code;
+        const ProtocolBase::RecvHandler reader = protocol.m_RecvHandlers[code];
+        EXPECT_EQ(1, (protocol.*reader)(payload)) << code;
         EXPECT_EQ("", payload);
     }
     EXPECT_EQ(256u, sizeof protocol.m_RecvHandlers / sizeof protocol.m_RecvHandlers[0]);
