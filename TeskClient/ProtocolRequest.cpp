@@ -19,7 +19,7 @@ thread_local const ProtocolBase* t_pPumping = nullptr;
 // returned.
 
 /// Ends a request whose caller leaves without having done so.
-class ProtocolBase::Unlisting {
+class SR_HIDDEN ProtocolBase::Unlisting {
 public:
     Unlisting(ProtocolBase& protocol, WaitingRequest& request)
         : m_Protocol(protocol), m_Request(request) {}
