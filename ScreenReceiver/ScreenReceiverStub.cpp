@@ -159,18 +159,20 @@ int ScreenReceiverStub::Request(const ReceiverCommand& command,
         return SetErrorAt(kErrReentry, "ProtocolBase::RequestCommand", "", recorded::kEngineFile,
                           recorded::kRequestReentered);
     struct InFlight {
-        InFlight(ScreenReceiverStub& stub, void* target) : m_Stub(stub) {
+        InFlight(ScreenReceiverStub& stub, void* target) : m_Stub(stub), m_pTarget(target) {
             m_Stub.m_bRequesting = true;
-            if (target != nullptr) {
-                m_Stub.m_pRecvResult = target;
+            if (m_pTarget != nullptr) {
+                m_Stub.m_pRecvResult = m_pTarget;
                 m_Stub.m_pRetiredResult = nullptr;
             }
         }
         ~InFlight() {
-            m_Stub.m_pRetiredResult = m_Stub.m_pRecvResult;
+            if (m_pTarget != nullptr)
+                m_Stub.m_pRetiredResult = m_pTarget;
             m_Stub.m_bRequesting = false;
         }
         ScreenReceiverStub& m_Stub;
+        void* m_pTarget;
     } inFlight(*this, result);
     return RequestCommand(command.code, AnswerTo(command), command.name, payload, true,
                           kRequestTimeoutSec);

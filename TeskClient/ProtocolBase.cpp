@@ -94,6 +94,7 @@ int ProtocolBase::InitThread(bool bNoDispatcher) {
         CloseConnect();
         return SR_RAISE(kErrStillClosing, "", "");
     }
+    m_bTornDown = false;
     m_bRunning = true;
     m_pThreadGroup = new (std::nothrow) boost::thread_group;
     if (m_pThreadGroup == nullptr) {

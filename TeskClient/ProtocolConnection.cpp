@@ -217,7 +217,6 @@ void ProtocolBase::Adopt(int sock) {
         boost::lock_guard<decltype(m_SendMutex)> lock(m_SendMutex);
         SettleWaiting();
         m_nAnsCode = 0;
-        m_bTornDown = false;
         m_Socket = sock;
         ++m_nConnection;
     }
@@ -266,7 +265,7 @@ int ProtocolBase::InitSocket(int sock, bool bNoDispatcher) {
     if (IsReentered([](ProtocolBase& self) { return self.IsFuncPending(); }))
         return SR_RAISE(kErrReentry, "ProtocolBase::InitSocket", "");
     CloseConnect();
-    if (m_Socket.get() != -1)
+    if (m_Socket.get() != -1 || m_bEnded)
         return SR_RAISE(kErrStillClosing, "", "");
     Adopt(sock);
     ConfigSocket(sock);

@@ -70,6 +70,10 @@ TEST_F(CallsTest, InitMayBeRepeated) {
     EXPECT_EQ(ExitedWith(0), RunAgainstPeer("init-again"));
 }
 
+TEST_F(CallsTest, AddressThatIsNoneShowsInTheCodeAndTheNextInitWorks) {
+    EXPECT_EQ(ExitedWith(0), RunAgainstPeer("no-address"));
+}
+
 TEST_F(CallsTest, ListBeforeInitLeavesThePointerAlone) {
     EXPECT_EQ(ExitedWith(0), RunProgram("cabi_calls", {"before-init-list"}));
 }

@@ -98,6 +98,25 @@ TEST_F(ExitTest, TheCallbackCallsExitWhileOtherThreadsLoopOverRequests) {
     ExpectEnds("inside-callback-while-loops");
 }
 
+TEST_F(ExitTest, ForkedChildrenExitAndLeaveTheConnectionAlone) {
+    ExpectEnds("fork");
+}
+
+TEST_F(ExitTest, ForkedChildrenExitWhileNotificationsStreamIn) {
+    m_Script.notifyEvery = milliseconds(1);
+    ExpectEnds("fork");
+}
+
+TEST_F(ExitTest, ForkedChildrenExitWhileAnotherThreadLoopsOverRequests) {
+    ExpectEnds("fork-loops");
+}
+
+TEST_F(ExitTest, CallsAfterTheEndAreTurnedAway) {
+    AnsweringPeer peer(m_Script);
+    EXPECT_EQ(ExitedWith(7), RunProgram("cabi_ended", {SR_LIBRARY, peer.Address()}, kLimit));
+    EXPECT_EQ(1u, peer.Requests().size());
+}
+
 TEST_F(ExitTest, SignalHandlerCallsExitWhileIdle) {
     ExpectEnds("signal-idle");
 }

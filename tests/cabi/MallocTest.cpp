@@ -5,7 +5,7 @@
 namespace sr_test {
 namespace {
 
-TEST(MallocTest, ListThatDoesNotFitIsFreedAndLeavesThePointerAlone) {
+TEST(MallocTest, CallThatRunsOutOfMemoryFailsWithTheCodeAndLeavesThePointerAlone) {
     AnsweringPeer::Script script = AllAnswers();
     for (const int code : {26, 28}) {
         script.answers[code] = script.answers[16];

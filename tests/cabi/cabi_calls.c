@@ -215,6 +215,19 @@ int main(int argc, char** argv) {
             CHECK(Init(s_host, true) == 0);
             CHECK(StopPlayImage(1) == 7);
         }
+    } else if (strcmp(mode, "no-address") == 0) {
+        /* "garbage" is the broadcast address to the system. Which error it has for one is its own
+           affair; a socket that was not connected reads as -ENOTCONN. */
+        const char* const hosts[] = {"garbage", "255.255.255.255"};
+        size_t i;
+        for (i = 0; i < sizeof hosts / sizeof hosts[0]; ++i) {
+            CHECK(Init(hosts[i], true) == 0);
+            AWAIT(GetErrorCode() < 0);
+            CHECK(GetErrorCode() > -4096);
+            CHECK(Init(s_host, true) == 0);
+            CHECK(GetErrorCode() == 0);
+            CHECK(StopPlayImage(1) == 7);
+        }
     } else if (strcmp(mode, "before-init-list") == 0) {
         CHECK(GetValidSenderList(&list) == 0);
         CHECK(list == kUntouched);

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "ScreenReceiver/ScreenReceiver.h"
@@ -11,11 +12,12 @@
 enum { kExitCode = 7 };
 
 /* What the modes are about looks wrong to the sanitizers: exit() in a signal handler, threads that
-   nobody joins. The search for leaks would wait for an allocator that the signal interrupted. */
+   nobody joins. Each exit would take a second, to let the other threads run. The search for leaks
+   would wait for an allocator that the signal interrupted. */
 const char* __tsan_default_options(void);
 const char* __asan_default_options(void);
 const char* __tsan_default_options(void) {
-    return "report_signal_unsafe=0 report_thread_leaks=0";
+    return "report_signal_unsafe=0 report_thread_leaks=0 atexit_sleep_ms=20";
 }
 const char* __asan_default_options(void) {
     return "detect_leaks=0";
@@ -102,6 +104,19 @@ static void start(void* (*body)(void*)) {
     CHECK(pthread_detach(thread) == 0);
 }
 
+/* A child has none of the library's threads, and must not wait for them. */
+static void fork_child_that_exits(void) {
+    int status = 0;
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(4); /* ends a child that hangs */
+        exit(kExitCode);
+    }
+    CHECK(child > 0);
+    CHECK(waitpid(child, &status, 0) == child);
+    CHECK(WIFEXITED(status) && WEXITSTATUS(status) == kExitCode);
+}
+
 int main(int argc, char** argv) {
     const char* mode = argv[1];
     if (argc < 2)
@@ -138,6 +153,18 @@ int main(int argc, char** argv) {
     }
     if (strcmp(mode, "at-once") == 0)
         return kExitCode;
+    if (strncmp(mode, "fork", 4) == 0) {
+        int i;
+        if (strcmp(mode, "fork-loops") == 0) {
+            start(list_in_a_loop);
+            AWAIT(counted() >= 1);
+        }
+        for (i = 0; i < 5; ++i) {
+            fork_child_that_exits();
+            CHECK(StopPlayImage(1) == 7);
+        }
+        return kExitCode;
+    }
     if (strcmp(mode, "stream") == 0) {
         AWAIT(counted() >= 3);
         return kExitCode;

@@ -1,18 +1,19 @@
 #define _POSIX_C_SOURCE 200809L
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <pthread.h>
 
 #include "ScreenReceiver/ScreenReceiver.h"
-#include "tests/cabi/program.h"
+#include "tests/cabi/loading.h"
 
-/* usage: cabi_unload MODE LIBRARY CYCLES [HOST] - loads and unloads the library over and over.
-   MODE: "unused" does nothing between, "main" and "worker" connect, make a request and take a
-   notification, on the main thread or on a new thread that ends after the unload. */
+/* usage: cabi_unload THREAD USE LIBRARY CYCLES [HOST] - loads and unloads the library over and over.
+   THREAD: "main", or "worker" for a new thread that ends after the unload.
+   USE, what is done between: "nothing", "init" connects only, "everything" connects, makes a request
+   and takes a notification. */
 
 enum { kSettled = 10 }; /* cycles until the C library has its caches */
 
+static const char* s_use;
 static const char* s_library;
 static const char* s_host;
 static pthread_mutex_t s_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -55,13 +56,6 @@ static int entries(const char* path) {
     return count;
 }
 
-static void find(void* library, const char* name, void* function, size_t size) {
-    /* An object pointer is not a function pointer in C99; their representation is one here. */
-    void* symbol = dlsym(library, name);
-    CHECK(symbol != NULL);
-    memcpy(function, &symbol, size);
-}
-
 static void use(void* library) {
     int (*init)(const char*, bool);
     int (*refresh)(void);
@@ -69,6 +63,10 @@ static void use(void* library) {
     void (*set_callback)(int (*)(int, int, int));
     const int before = events();
     find(library, "Init", &init, sizeof init);
+    if (strcmp(s_use, "init") == 0) {
+        CHECK(init(s_host, true) == 0);
+        return;
+    }
     find(library, "RefreshConfCtrlTimer", &refresh, sizeof refresh);
     find(library, "GetErrorCode", &get_error_code, sizeof get_error_code);
     find(library, "SetScrRcvNotifyCB", &set_callback, sizeof set_callback);
@@ -81,13 +79,11 @@ static void use(void* library) {
     AWAIT(events() > before);
 }
 
-static void* cycle(void* used) {
-    void* library = dlopen(s_library, RTLD_NOW | RTLD_LOCAL);
-    if (library == NULL)
-        fprintf(stderr, "%s\n", dlerror());
-    CHECK(library != NULL);
+static void* cycle(void* unused) {
+    void* library = load(s_library);
+    (void)unused;
     CHECK(is_mapped());
-    if (used != NULL)
+    if (strcmp(s_use, "nothing") != 0)
         use(library);
     CHECK(dlclose(library) == 0);
     CHECK(!is_mapped());
@@ -96,19 +92,20 @@ static void* cycle(void* used) {
 
 int main(int argc, char** argv) {
     int i, cycles, threads = 0, descriptors = 0;
-    if (argc < 4)
+    if (argc < 5)
         return 2;
-    s_library = argv[2];
-    cycles = atoi(argv[3]);
-    s_host = argc > 4 ? argv[4] : NULL;
+    s_use = argv[2];
+    s_library = argv[3];
+    cycles = atoi(argv[4]);
+    s_host = argc > 5 ? argv[5] : NULL;
     CHECK(!is_mapped());
     for (i = 0; i < cycles; ++i) {
         if (strcmp(argv[1], "worker") == 0) {
             pthread_t thread;
-            CHECK(pthread_create(&thread, NULL, cycle, argv) == 0);
+            CHECK(pthread_create(&thread, NULL, cycle, NULL) == 0);
             CHECK(pthread_join(thread, NULL) == 0);
         } else {
-            cycle(strcmp(argv[1], "main") == 0 ? argv : NULL);
+            cycle(NULL);
         }
         if (i == kSettled) {
             threads = entries("/proc/self/task");

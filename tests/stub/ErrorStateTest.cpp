@@ -171,5 +171,31 @@ TEST_F(ErrorStateTest, PartOfTheModeratorSettingsIsHandedOutWithTheFailure) {
     EXPECT_EQ(0, info.byModeratorFlag);
 }
 
+/// Requests fail with a result of their own; only the current code tells why.
+class FailingStub : public OpenStub {
+public:
+    ~FailingStub() override { EndThreads(); }
+
+    int RequestCommand(int, int, const char*, const std::string&, bool, int) override { return -1; }
+};
+
+class FailedRequestTest : public testing::TestWithParam<Command> {
+protected:
+    static bool ReturnsTheCode(const std::string& name) {
+        return name == "StartPlayImage" || name == "StopPlayImage" || name == "ForceSenderLogout" ||
+               name == "SetModeratorInfo" || name == "GetModeratorInfo";
+    }
+};
+
+TEST_P(FailedRequestTest, CurrentCodeIsReturnedOnlyWhereAResultIsRecorded) {
+    FailingStub stub;
+    stub.SetErrorAt(-77, "", "", "somewhere/Earlier.cpp", 11);
+    EXPECT_EQ(ReturnsTheCode(GetParam().name) ? -77 : -1, GetParam().call(stub));
+    EXPECT_EQ(-77, stub.GetErrorCode());
+    EXPECT_STREQ("Earlier.cpp:11", stub.GetErrFileLine());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, FailedRequestTest, testing::ValuesIn(AllCommands()), NameOf);
+
 }  // namespace
 }  // namespace sr_test
