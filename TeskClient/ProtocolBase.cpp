@@ -83,17 +83,24 @@ void ProtocolBase::EndThreads() {
     ProtocolBase::CloseConnect();
     // Also when an own thread may not close: the others still end.
     m_bRunning = false;
-    JoinOrLetGo(&m_pDispatcherThread);
+    {
+        // An opener that comes late looks at the same thread. An own thread does not wait for the
+        // lock: its holder may be joining it.
+        ConnLock lock(m_ConnMutex, boost::defer_lock);
+        if (internals::RoleTowards(this) == Role::Stranger)
+            lock.lock();
+        JoinOrLetGo(&m_pDispatcherThread);
+    }
     JoinOrLetGo(&m_pCloseThread);
 }
 
 int ProtocolBase::InitThread(bool bNoDispatcher) {
-    // Its callback may be waiting for a lock or an answer, but sees m_bRunning and m_nConnection.
-    ResetThreadPtr(&m_pDispatcherThread);
     if (m_bEnded) {
         CloseConnect();
         return SR_RAISE(kErrStillClosing, "", "");
     }
+    // Its callback may be waiting for a lock or an answer, but sees m_bRunning and m_nConnection.
+    ResetThreadPtr(&m_pDispatcherThread);
     m_bTornDown = false;
     m_bRunning = true;
     m_pThreadGroup = new (std::nothrow) boost::thread_group;
