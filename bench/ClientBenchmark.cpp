@@ -29,6 +29,9 @@ public:
         }
         if (m_Receiver.Start() || m_Client.Init(kAddress, false) != 0)
             std::abort();
+        // A connection's first 30 ms of waiting are spent in select(), which ends at once when bytes
+        // come; only after them the pacing is what applications see.
+        usleep(100 * 1000);
     }
 
     ScreenReceiverStub& Client() { return m_Client; }
