@@ -93,7 +93,7 @@ int ProtocolBase::OpenSocket(const char* host,
     boost::lock_guard<decltype(m_ConnMutex)> lock(m_ConnMutex);
     if (IsReentered([](ProtocolBase& self) { return self.IsFuncPending(); }))
         return SR_RAISE(kErrReentry, "ProtocolBase::OpenSocket", "");
-    if (m_Socket.get() != -1)
+    if (m_Socket.get() != -1 || m_bEnded)
         return SR_RAISE(kErrStillClosing, "", "");
     if (vecPort.empty())
         return SR_RAISE(kErrNoPorts, "", "");
@@ -160,7 +160,7 @@ bool ProtocolBase::ConnectFirst(std::vector<Candidate>& candidates, int nTimeout
     // slices below do the pacing.
     timeval timeout = {0, internals::kSliceMs * 1000};
     m_bClosing = false;
-    while (GetTickCount() - start < limit && !m_bClosing) {
+    while (GetTickCount() - start < limit && !m_bClosing && !m_bEnded) {
         if (TakeFirstWritable(candidates, &timeout, writable))
             break;
         PumpMessages(true);

@@ -211,7 +211,11 @@ bool ProtocolBase::Queue(unsigned char cmd, const std::string& payload) {
 
 ProtocolBase::Step ProtocolBase::LoseLink(int line) {
     const int code = errno != 0 ? -errno : kErrPeerClosed;
-    SetErrorAt(code, "", "", recorded::kEngineFile, line);
+    try {
+        SetErrorAt(code, "", "", recorded::kEngineFile, line);
+    } catch (const std::bad_alloc&) {
+        // The code is recorded first; only its place is missing.
+    }
     return Step::LinkLost;
 }
 

@@ -178,7 +178,9 @@ void ProtocolBase::SettleWaiting() {
 
 bool ProtocolBase::IsAnswered(WaitingRequest& request) {
     // The lock only when it is worth it: a reader may hold it for long.
-    if (request.state == WaitingRequest::State::Listed && m_nAnsCode != 0)
+    const WaitingRequest::State state = request.state;
+    if (state == WaitingRequest::State::Overtaken ||
+        (state == WaitingRequest::State::Listed && m_nAnsCode != 0))
         return false;
     boost::lock_guard<decltype(m_SendMutex)> lock(m_SendMutex);
     return request.state == WaitingRequest::State::Listed

@@ -4,7 +4,7 @@ target_compile_options(sr_options INTERFACE
     -Wall -Wextra -Wshadow
     $<$<COMPILE_LANGUAGE:CXX>:-Wconversion>
     # Recorded places and log lines name files of the project, not of the machine that built it.
-    -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
 if(SR_SANITIZE STREQUAL "address")
     set(SR_SANITIZE_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=all

@@ -52,9 +52,9 @@ void AddOptions(CLI::App& app, Arguments& arguments) {
 
 /// One of a set that is the same in every run: all kinds of senders are there from the fourth on.
 simulator::Sender MakeSender(int number) {
-    static const std::array<const char*, 12> kNames = {"Ada",    "Grace",   "Edsger", "Barbara",
-                                                       "Alan",   "Frances", "Donald", "Hedy",
-                                                       "Claude", "Radia",   "Dennis", "Margaret"};
+    static const std::array<const char*, 12> kNames = {"Ada",  "Grace",   "Edsger", "Barbara",
+                                                       "Alan", "Frances", "Donald", "Hedy",
+                                                       "Alan", "Radia",   "Dennis", "Margaret"};
     const auto index = static_cast<unsigned>(number - 1);
     simulator::Sender sender;
     sender.key = number;

@@ -195,6 +195,30 @@ TEST_P(FailedRequestTest, CurrentCodeIsReturnedOnlyWhereAResultIsRecorded) {
     EXPECT_STREQ("Earlier.cpp:11", stub.GetErrFileLine());
 }
 
+/// Fails with its own code; another thread's success, or failure, comes before the caller looks.
+class OvertakenStub : public OpenStub {
+public:
+    explicit OvertakenStub(int others) : m_nOthers(others) {}
+    ~OvertakenStub() override { EndThreads(); }
+
+    int RequestCommand(int, int, const char*, const std::string&, bool, int) override {
+        SetErrorAt(-6528101, "Own", "10", "Own.cpp", 1);
+        std::thread([this] { SetErrorAt(m_nOthers, "", "", "Other.cpp", 2); }).join();
+        return -6528101;
+    }
+
+private:
+    const int m_nOthers;
+};
+
+TEST_P(FailedRequestTest, FailureReturnsItsOwnCodeWhateverOthersRecord) {
+    for (const int others : {0, -779}) {
+        OvertakenStub stub(others);
+        EXPECT_EQ(-6528101, GetParam().call(stub));
+        EXPECT_EQ(others, stub.GetErrorCode());
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(All, FailedRequestTest, testing::ValuesIn(AllCommands()), NameOf);
 
 }  // namespace
