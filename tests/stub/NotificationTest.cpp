@@ -176,6 +176,7 @@ TEST_F(NotificationTest, WithoutACallbackTheEventIsDroppedAndTheLinkStays) {
     EXPECT_TRUE(AwaitEventsRead(1));
     ExpectAlive();
     EXPECT_EQ(42, m_Stub.GetErrorCode());
+    ASSERT_TRUE(WaitFor([this] { return m_Stub.handled == 1; }));
     // It is dropped, not kept for a callback that comes later.
     m_Stub.SetScrRcvNotifyCB(Callback);
     m_Peer.Send(Numbered(2));

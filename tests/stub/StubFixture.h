@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <functional>
@@ -25,6 +26,9 @@ using std::chrono::seconds;
 class OpenStub : public ScreenReceiverStub {
 public:
     ~OpenStub() override { EndThreads(); }
+
+    void HandleRetVal(unsigned char, int) override { ++handled; }
+    std::atomic<int> handled{0};  // events whose handler has returned
 
     using NibErrorHandler::m_nErrLine;
     using NibErrorHandler::m_strErrArg1;
