@@ -247,6 +247,24 @@ TEST_F(RequestTest, RequestFromInsideThePumpIsRefusedAndNotSent) {
     EXPECT_EQ(0, Promptly(result));
 }
 
+TEST_F(RequestTest, AnotherThreadsPumpRefusesNobody) {
+    Gate inside;
+    Gate leave;
+    Interposed().pump = [&](bool isAll, int) {
+        if (isAll)
+            return;
+        inside.Open();
+        leave.Wait();
+    };
+    Connect();
+    std::thread other([this] { m_P.RequestCommand(kRequest, kAnswer, "Other", "", false, 1); });
+    EXPECT_TRUE(inside.Wait());
+    EXPECT_TRUE(m_P.IsFuncPending());
+    EXPECT_EQ(0, m_P.RequestCommand(kOtherRequest, kOtherAnswer, "Own", "", true, 0));
+    leave.Open();
+    other.join();
+}
+
 TEST_F(RequestTest, PendingFlagRefusesARequestEvenWithTimeOutZero) {
     Connect();
     m_P.m_bFuncPending = true;
