@@ -30,6 +30,7 @@ bool ReceiverState::Add(const Sender& sender, Notes& notes) {
         return false;
     m_Numbers[sender.key] = m_nNextNumber;
     m_Entries[m_nNextNumber++].sender = sender;
+    ++m_nVersion;
     notes.push_back({kNotifySenderJoined, sender.key, sender.status});
     return true;
 }
@@ -41,17 +42,22 @@ bool ReceiverState::Remove(int32_t key, Notes& notes) {
     const auto number = m_Numbers.find(key);
     m_Entries.erase(number->second);
     m_Numbers.erase(number);
+    ++m_nVersion;
     notes.push_back({kNotifySenderLeft, key, 0});
     return true;
 }
 
-bool ReceiverState::Update(const Sender& sender, Notes& notes) {
-    Entry* entry = Find(sender.key);
+bool ReceiverState::Change(int32_t key, const std::function<void(Sender&)>& change, Notes& notes) {
+    Entry* entry = Find(key);
     if (entry == nullptr)
         return false;
+    Sender sender = entry->sender;
+    change(sender);
+    sender.key = key;
     if (Fields(entry->sender) != Fields(sender)) {
         entry->sender = sender;
-        notes.push_back({kNotifySenderChanged, sender.key, sender.status});
+        ++m_nVersion;
+        notes.push_back({kNotifySenderChanged, key, sender.status});
     }
     return true;
 }
@@ -65,6 +71,7 @@ Result ReceiverState::StartPlay(int32_t key, uint8_t option, Notes& notes) {
     if (!entry->sender.valid)
         return kResultNotValid;
     entry->shown = option;
+    ++m_nVersion;
     notes.push_back({kNotifyShowStarted, key, option});
     return kResultOk;
 }
@@ -76,6 +83,7 @@ Result ReceiverState::StopPlay(int32_t key, Notes& notes) {
     if (!entry->shown)
         return kResultNotShown;
     entry->shown.reset();
+    ++m_nVersion;
     notes.push_back({kNotifyShowStopped, key, 0});
     return kResultOk;
 }
@@ -87,11 +95,26 @@ void ReceiverState::SetModerator(const Moderator& moderator, Notes& notes) {
     notes.push_back({kNotifyModeratorChanged, moderator.id, moderator.flag});
 }
 
-void ReceiverState::SetConfControl(bool held, Notes& notes) {
-    if (held == m_bConfControl)
+void ReceiverState::RefreshConfControl(uint64_t client, Notes& notes) {
+    if (client == m_nConfClient)
         return;
-    m_bConfControl = held;
-    notes.push_back({kNotifyConfControl, held ? 1 : 0, 0});
+    m_nConfClient = client;
+    notes.push_back({kNotifyConfControl, kConfControlTaken, static_cast<int32_t>(client)});
+}
+
+void ReceiverState::QuitConfControl(uint64_t client, Notes& notes) {
+    if (client == m_nConfClient)
+        EndConfControl(kConfControlLeft, notes);
+}
+
+void ReceiverState::ExpireConfControl(Notes& notes) {
+    if (m_nConfClient != 0)
+        EndConfControl(kConfControlExpired, notes);
+}
+
+void ReceiverState::EndConfControl(ConfControlChange change, Notes& notes) {
+    notes.push_back({kNotifyConfControl, change, static_cast<int32_t>(m_nConfClient)});
+    m_nConfClient = 0;
 }
 
 std::vector<Sender> ReceiverState::Reported(Selection selection) const {

@@ -80,6 +80,81 @@ void PutSender(std::string& bytes, size_t at, const Sender& sender, RecordSize s
     }
 }
 
+const char* NotifyName(int32_t kind) {
+    switch (kind) {
+        case kNotifySenderJoined:
+            return "sender joined";
+        case kNotifySenderLeft:
+            return "sender left";
+        case kNotifySenderChanged:
+            return "sender changed";
+        case kNotifyShowStarted:
+            return "show started";
+        case kNotifyShowStopped:
+            return "show stopped";
+        case kNotifyModeratorChanged:
+            return "moderator changed";
+        case kNotifyConfControl:
+            return "conference control";
+        case kNotifyTick:
+            return "tick";
+        case kNotifyFlood:
+            return "flood";
+        default:
+            return "other";
+    }
+}
+
+void ReadRequest(const Frame& frame, Content& content) {
+    content.command = CommandName(frame.code);
+    const Request request = DecodeRequest(frame);
+    switch (frame.code) {
+        case kStartPlayImage:
+            content.sender = request.number;
+            content.option = request.byte;
+            break;
+        case kStopPlayImage:
+        case kForceSenderLogout:
+            content.sender = request.number;
+            break;
+        case kSetModeratorInfo:
+            content.moderator = {request.number, request.byte};
+            break;
+        default:
+            break;
+    }
+}
+
+void ReadAnswer(uint8_t request, const std::string& payload, Content& content) {
+    content.command = CommandName(request);
+    content.answer = true;
+    switch (request) {
+        case kRefreshConfCtrlTimer:
+        case kQuitConfCtrl:
+            break;
+        case kGetSenderList:
+        case kGetNonLocalSenderList:
+        case kGetValidSenderList:
+            content.records = static_cast<uint16_t>(GetUnsigned(payload, kListCountAt, 2));
+            content.longRecords = payload[kListLongAt] != 0;
+            break;
+        case kGetModeratorInfo:
+            content.moderator = {GetSigned(payload, kNumberAt),
+                                 static_cast<uint8_t>(GetUnsigned(payload, kByteAt, 1))};
+            break;
+        default:
+            content.result = GetSigned(payload, kNumberAt);
+            break;
+    }
+}
+
+std::string NotificationText(const Notification& notification) {
+    return "notify: " + std::to_string(notification.first) + " " + NotifyName(notification.first) +
+           ", " + std::to_string(notification.second) + ", " + std::to_string(notification.third);
+}
+
+}  // namespace
+
 const char* CommandName(uint8_t request) {
     switch (request) {
         case kGetSenderList:
@@ -119,100 +194,58 @@ const char* ResultName(int32_t result) {
             return "not shown";
         case kResultNotValid:
             return "not valid";
+        case kResultNotInControl:
+            return "not in control";
         default:
             return "result";
     }
 }
 
-const char* NotifyName(int32_t kind) {
-    switch (kind) {
-        case kNotifySenderJoined:
-            return "sender joined";
-        case kNotifySenderLeft:
-            return "sender left";
-        case kNotifySenderChanged:
-            return "sender changed";
-        case kNotifyShowStarted:
-            return "show started";
-        case kNotifyShowStopped:
-            return "show stopped";
-        case kNotifyModeratorChanged:
-            return "moderator changed";
-        case kNotifyConfControl:
-            return "conference control";
-        case kNotifyTick:
-            return "tick";
-        default:
-            return "other";
-    }
-}
-
-std::string ModeratorText(int32_t id, uint8_t flag) {
-    return "id " + std::to_string(id) + ", flag " + std::to_string(flag);
-}
-
-std::string RequestText(const Frame& frame) {
-    std::string text = CommandName(frame.code);
-    const Request request = DecodeRequest(frame);
-    switch (frame.code) {
-        case kStartPlayImage:
-            return text + ": sender " + std::to_string(request.number) + ", option " +
-                   std::to_string(request.byte);
-        case kStopPlayImage:
-        case kForceSenderLogout:
-            return text + ": sender " + std::to_string(request.number);
-        case kSetModeratorInfo:
-            return text + ": " + ModeratorText(request.number, request.byte);
-        default:
-            return text;
-    }
-}
-
-std::string AnswerText(uint8_t request, const std::string& payload) {
-    std::string text = std::string(CommandName(request)) + " answer";
-    switch (request) {
-        case kRefreshConfCtrlTimer:
-        case kQuitConfCtrl:
-            return text;
-        case kGetSenderList:
-        case kGetNonLocalSenderList:
-        case kGetValidSenderList:
-            return text + ": " + std::to_string(GetUnsigned(payload, kListCountAt, 2)) +
-                   (payload[kListLongAt] != 0 ? " long records" : " short records");
-        case kGetModeratorInfo:
-            return text + ": " +
-                   ModeratorText(GetSigned(payload, kNumberAt),
-                                 static_cast<uint8_t>(GetUnsigned(payload, kByteAt, 1)));
-        default: {
-            const int32_t result = GetSigned(payload, kNumberAt);
-            return text + ": " + std::to_string(result) + " " + ResultName(result);
-        }
-    }
-}
-
-std::string NotificationText(const std::string& payload) {
-    const int32_t kind = GetSigned(payload, 0);
-    return "notify: " + std::to_string(kind) + " " + NotifyName(kind) + ", " +
-           std::to_string(GetSigned(payload, 4)) + ", " + std::to_string(GetSigned(payload, 8));
-}
-
-}  // namespace
-
-std::string Describe(const Frame& frame) {
+Content ReadContent(const Frame& frame) {
     // Frames that a caller put together itself may be short.
     const size_t size = frame.payload.size();
+    const auto request = static_cast<uint8_t>(frame.code - 1);
+    Content content;
     if (frame.incoming) {
         if (IsRequest(frame.code) && size == kRequestSize)
-            return RequestText(frame);
-    } else if (frame.code == kNotifyEvent && size == kNotificationSize) {
-        return NotificationText(frame.payload);
-    } else if (frame.code > 0 && size >= kReplySize) {
-        const uint8_t request = static_cast<uint8_t>(frame.code - 1);
-        if (IsRequest(request))
-            return AnswerText(request, frame.payload);
+            ReadRequest(frame, content);
+    } else if (frame.code == kNotifyEvent) {
+        if (size == kNotificationSize) {
+            content.command = "Notify";
+            content.notification = {GetSigned(frame.payload, 0), GetSigned(frame.payload, 4),
+                                    GetSigned(frame.payload, 8)};
+        }
+    } else if (IsRequest(request) && size >= kReplySize) {
+        ReadAnswer(request, frame.payload, content);
     }
-    char text[64];
-    std::snprintf(text, sizeof text, "unknown command 0x%02X, %zu bytes", frame.code, size);
+    return content;
+}
+
+std::string Describe(const Frame& frame) {
+    const Content content = ReadContent(frame);
+    if (content.command == nullptr) {
+        char unknown[64];
+        std::snprintf(unknown, sizeof unknown, "unknown command 0x%02X, %zu bytes", frame.code,
+                      frame.payload.size());
+        return unknown;
+    }
+    if (content.notification)
+        return NotificationText(*content.notification);
+    std::string text = content.command;
+    if (content.answer)
+        text += " answer";
+    if (content.sender)
+        text += ": sender " + std::to_string(*content.sender);
+    if (content.option)
+        text += ", option " + std::to_string(*content.option);
+    if (content.moderator)
+        text += ": id " + std::to_string(content.moderator->id) + ", flag " +
+                std::to_string(content.moderator->flag);
+    if (content.result)
+        text += ": " + std::to_string(*content.result) + " " + ResultName(*content.result);
+    if (content.records)
+        text += ": " + std::to_string(*content.records) +
+                (content.longRecords ? " long records" : " short records");
     return text;
 }
 
@@ -266,13 +299,58 @@ std::string EncodeNotification(const Notification& notification) {
     return payload;
 }
 
-std::string Assemble(uint8_t code, const std::string& payload) {
+Bytes MakeFrame(uint8_t code, const std::string& payload) {
     std::string bytes;
     bytes.reserve(kPrefixSize + 1 + payload.size());
     bytes.append(kPrefix, kPrefixSize);
     bytes += ToChar(code);
     bytes += payload;
-    return bytes;
+    return std::make_shared<const std::string>(std::move(bytes));
+}
+
+uint8_t CodeOf(const std::string& frame) {
+    return static_cast<uint8_t>(frame[kPrefixSize]);
+}
+
+std::string PayloadOf(const std::string& frame) {
+    return frame.substr(kPrefixSize + 1);
+}
+
+const std::string& FramePrefix() {
+    static const std::string prefix(kPrefix, kPrefixSize);
+    return prefix;
+}
+
+bool IsListAnswer(uint8_t code) {
+    return code == kGetSenderList + 1 || code == kGetNonLocalSenderList + 1 ||
+           code == kGetValidSenderList + 1;
+}
+
+bool HasRecords(const std::string& list) {
+    return list.size() > kPrefixSize + 1 + kListHeaderSize;
+}
+
+void SetCode(std::string& frame, int code) {
+    frame[kPrefixSize] = ToChar(static_cast<unsigned>(code) & 0xFFu);
+}
+
+void AnnounceRecords(std::string& list, int records) {
+    const size_t at = kPrefixSize + 1 + kListCountAt;
+    const uint32_t right = GetUnsigned(list, at, 2);
+    uint32_t announced = right < kMaxSenders ? right + 1 : right - 1;
+    if (records >= 0)
+        announced = static_cast<uint32_t>(records);
+    Put16(list, at, static_cast<uint16_t>(announced));
+}
+
+void LeaveNamesOpen(std::string& list) {
+    const size_t headerAt = kPrefixSize + 1;
+    const size_t recordSize =
+        list[headerAt + kListLongAt] != 0 ? kLongRecordSize : kShortRecordSize;
+    for (size_t at = headerAt + kListHeaderSize; at < list.size(); at += recordSize) {
+        const auto name = list.begin() + static_cast<std::ptrdiff_t>(at + kUserNameAt);
+        std::replace(name, name + static_cast<std::ptrdiff_t>(kMaxUserName + 1), '\0', '~');
+    }
 }
 
 std::optional<Frame> FrameFinder::Next() {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "simulator/Delivery.h"
 #include "simulator/ReceiverSimulator.h"
 
 // The receiver's side of the wire: pure functions on bytes. Written apart from the client's, on
@@ -40,12 +41,29 @@ struct Request {
     uint8_t byte = 0;    // option or moderator flag
 };
 
+/// What a frame says; members that its command does not have are empty.
+struct Content {
+    const char* command = nullptr;  // of an answer its request's; null when it is not known
+    bool answer = false;
+    std::optional<int32_t> sender;
+    std::optional<uint8_t> option;
+    std::optional<Moderator> moderator;
+    std::optional<int32_t> result;
+    std::optional<uint16_t> records;
+    bool longRecords = false;
+    std::optional<Notification> notification;
+};
+
+Content ReadContent(const Frame& frame);
+const char* CommandName(uint8_t request);  // null when it is none
+const char* ResultName(int32_t result);
+
 bool IsRequest(uint8_t code);
 
 /// `frame` holds a known command and its whole payload.
 Request DecodeRequest(const Frame& frame);
 
-// Payloads; Assemble makes them frames.
+// Payloads; MakeFrame makes them frames.
 std::string EncodeResult(int32_t result);
 std::string EncodeModerator(const Moderator& moderator);
 std::string EncodeReserved();
@@ -53,7 +71,19 @@ std::string EncodeSenders(const std::vector<Sender>& senders, RecordSize size);
 std::string EncodeNotification(const Notification& notification);
 
 /// The bytes of a whole frame: prefix, command byte, payload.
-std::string Assemble(uint8_t code, const std::string& payload);
+Bytes MakeFrame(uint8_t code, const std::string& payload);
+// Of a frame that MakeFrame() made.
+uint8_t CodeOf(const std::string& frame);
+std::string PayloadOf(const std::string& frame);
+
+// What faults do to the bytes of a whole frame.
+const std::string& FramePrefix();
+bool IsListAnswer(uint8_t code);
+bool HasRecords(const std::string& list);
+void SetCode(std::string& frame, int code);
+/// -1: one record more than there are, or one less when a list can have no more.
+void AnnounceRecords(std::string& list, int records);
+void LeaveNamesOpen(std::string& list);
 
 /**
  * Finds frames in a stream that comes in pieces of any size. Holds less than one frame between

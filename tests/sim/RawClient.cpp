@@ -137,6 +137,24 @@ bool RawClient::IsClosedByPeer() {
     return false;
 }
 
+Ending RawClient::ReceiveToEnd(std::string& bytes) {
+    const auto deadline = Clock::now() + kLimit;
+    char chunk[65536];
+    while (IsReadable(m_nSocket, deadline)) {
+        const ssize_t got = recv(m_nSocket, chunk, sizeof chunk, 0);
+        if (got == 0)
+            return Ending::Closed;
+        if (got < 0)
+            return errno == ECONNRESET ? Ending::Reset : Ending::Open;
+        bytes.append(chunk, static_cast<size_t>(got));
+    }
+    return Ending::Open;
+}
+
+bool RawClient::IsAnythingComing(std::chrono::milliseconds time) {
+    return IsReadable(m_nSocket, Clock::now() + time);
+}
+
 void RawClient::EndSending() {
     shutdown(m_nSocket, SHUT_WR);
 }

@@ -29,6 +29,9 @@ std::string Frame32(const std::string& code, const std::string& payload = "");
 /// A whole notification of these three values, in hex.
 std::string NotifyFrame(const std::string& body);
 
+/// How the far end ended a connection; Open: not within kLimit.
+enum class Ending { Open, Closed, Reset };
+
 /// One connection, all bytes by hand.
 class RawClient {
 public:
@@ -47,6 +50,10 @@ public:
     std::string Receive(size_t size);
     /// True when the far end closes, or has closed, the connection; bytes before that are dropped.
     bool IsClosedByPeer();
+    /// What comes until the far end ends the connection.
+    Ending ReceiveToEnd(std::string& bytes);
+    /// True when something, or the end, comes within this time.
+    bool IsAnythingComing(std::chrono::milliseconds time);
     void EndSending();  // FIN, and goes on reading
     void Reset();       // RST
 

@@ -193,11 +193,11 @@ TEST_F(ObserverTest, SeesEveryFrameInWords) {
         "1 -> notify: 6 moderator changed, -1, 2",
         "1 <- RefreshConfCtrlTimer",
         "1 -> RefreshConfCtrlTimer answer",
-        "1 -> notify: 7 conference control, 1, 0",
+        "1 -> notify: 7 conference control, 1, 1",
         "1 <- unknown command 0x63, 0 bytes",
         "1 <- QuitConfCtrl",
         "1 -> QuitConfCtrl answer",
-        "1 -> notify: 7 conference control, 0, 0",
+        "1 -> notify: 7 conference control, 0, 1",
         "1 left",
         "2 connected",
         "2 closed",
@@ -222,10 +222,10 @@ TEST_F(ReceiverSimulatorTest, ObserverMayChangeTheStateAndTheChangeFollowsTheReq
 }
 
 TEST(DescribeTest, FrameOfTheWrongLengthIsNotRead) {
-    EXPECT_EQ("unknown command 0x12, 3 bytes", simulator::Describe({1, true, 0x12, "abc"}));
-    EXPECT_EQ("unknown command 0x13, 3 bytes", simulator::Describe({1, false, 0x13, "abc"}));
-    EXPECT_EQ("unknown command 0x24, 3 bytes", simulator::Describe({1, false, 0x24, "abc"}));
-    EXPECT_EQ("unknown command 0x00, 0 bytes", simulator::Describe({1, false, 0x00, ""}));
+    EXPECT_EQ("unknown command 0x12, 3 bytes", simulator::Describe({1, true, 0x12, "abc", ""}));
+    EXPECT_EQ("unknown command 0x13, 3 bytes", simulator::Describe({1, false, 0x13, "abc", ""}));
+    EXPECT_EQ("unknown command 0x24, 3 bytes", simulator::Describe({1, false, 0x24, "abc", ""}));
+    EXPECT_EQ("unknown command 0x00, 0 bytes", simulator::Describe({1, false, 0x00, "", ""}));
 }
 
 // --- Many threads ---
@@ -239,7 +239,7 @@ TEST_F(ReceiverSimulatorTest, EveryMethodMayBeCalledFromAnyThread) {
             for (int32_t i = 0; i < kRounds; ++i) {
                 const int32_t key = t * 1000 + i;
                 EXPECT_TRUE(m_pSim->AddSender(MakeSender(key)));
-                EXPECT_TRUE(m_pSim->UpdateSender(MakeSender(key, "b")));
+                EXPECT_TRUE(Update(MakeSender(key, "b")));
                 m_pSim->SetModerator({key, static_cast<uint8_t>(t)});
                 m_pSim->IsShown(key);
                 m_pSim->Senders();

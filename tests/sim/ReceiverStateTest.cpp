@@ -1,3 +1,5 @@
+#include <atomic>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
@@ -249,7 +251,7 @@ TEST_F(ShowTest, SenderThatIsChangedStaysShown) {
     StartSender();
     Sender sender = MakeSender(0x01020304, "b");
     sender.status = 0x1234;
-    EXPECT_TRUE(m_pSim->UpdateSender(sender));
+    EXPECT_TRUE(Update(sender));
     EXPECT_EQ(NotifyFrame("00 00 00 03 01 02 03 04 00 00 12 34"), m_pClient->Receive(kNotifySize));
     EXPECT_TRUE(m_pSim->IsShown(0x01020304));
     const std::string list = ListOfShort(Frame32("10", "01"), 2);
@@ -257,7 +259,30 @@ TEST_F(ShowTest, SenderThatIsChangedStaysShown) {
     EXPECT_EQ(Hex("00 02 07"), list.substr(kListHeadSize + 56, 3));
 }
 
-// --- Moderator and conference control ---
+TEST_F(ShowTest, ListFollowsEveryChange) {
+    const auto record = [this](size_t count) {
+        const std::string list = ListOfShort(Frame32("10", "01"), count);
+        EXPECT_EQ(list.substr(kFrameSize),
+                  ListOfShort(Frame32("1A", "01"), count).substr(kFrameSize));
+        return list.substr(kListHeadSize + 8, 1) + list.substr(kListHeadSize + 56, 3);
+    };
+    EXPECT_EQ(Hex("61 00 01 80"), record(2));
+    StartSender();
+    EXPECT_EQ(Hex("61 00 02 07"), record(2));
+    Update(MakeSender(0x01020304, "b"));
+    m_pClient->Receive(kNotifySize);
+    EXPECT_EQ(Hex("62 00 02 07"), record(2));
+    m_pSim->StopPlay(0x01020304);
+    m_pClient->Receive(kNotifySize);
+    EXPECT_EQ(Hex("62 00 01 80"), record(2));
+    m_pSim->AddSender(MakeSender(3));
+    m_pClient->Receive(kNotifySize);
+    EXPECT_EQ(Hex("62 00 01 80"), record(3));
+    Ask(Frame32("1E", "01 02 03 04"), kFrameSize + kNotifySize);
+    EXPECT_EQ(Hex("61 00 01 80"), record(2));
+}
+
+// --- Moderator ---
 
 TEST_F(ReceiverStateTest, ModeratorIsZeroAtFirst) {
     StartAndConnect();
@@ -286,21 +311,6 @@ TEST_F(ReceiverStateTest, ModeratorFlagAloneIsAChange) {
     EXPECT_EQ(Frame32("21", "00 00 00 00 FF"), Ask(Frame32("20", "01")));
 }
 
-TEST_F(ReceiverStateTest, RefreshTakesConferenceControlOnceAndQuitLeavesItOnce) {
-    StartAndConnect();
-    EXPECT_FALSE(m_pSim->ConfControlHeld());
-    EXPECT_EQ(Frame32("17") + NotifyFrame("00 00 00 07 00 00 00 01 00 00 00 00"),
-              Ask(Frame32("16"), kFrameSize + kNotifySize));
-    EXPECT_TRUE(m_pSim->ConfControlHeld());
-    EXPECT_EQ(Frame32("17"), Ask(Frame32("16")));
-    ExpectNothingQueued(*m_pClient);
-    EXPECT_EQ(Frame32("19") + NotifyFrame("00 00 00 07 00 00 00 00 00 00 00 00"),
-              Ask(Frame32("18"), kFrameSize + kNotifySize));
-    EXPECT_FALSE(m_pSim->ConfControlHeld());
-    EXPECT_EQ(Frame32("19"), Ask(Frame32("18")));
-    ExpectNothingQueued(*m_pClient);
-}
-
 // --- Notifications ---
 
 TEST_F(ReceiverStateTest, EveryClientIsNotified) {
@@ -326,7 +336,7 @@ TEST_F(ReceiverStateTest, JoinChangeAndLeaveAreNotified) {
     EXPECT_TRUE(m_pSim->AddSender(MakeSender(3)));
     Sender changed = MakeSender(3);
     changed.status = 0xFFFF;
-    EXPECT_TRUE(m_pSim->UpdateSender(changed));
+    EXPECT_TRUE(Update(changed));
     EXPECT_TRUE(m_pSim->RemoveSender(3));
     EXPECT_EQ(NotifyFrame("00 00 00 01 00 00 00 03 00 00 00 01") +
                   NotifyFrame("00 00 00 03 00 00 00 03 00 00 FF FF") +
@@ -347,10 +357,48 @@ TEST_F(ReceiverStateTest, EachFieldOfASenderIsAChange) {
     };
     for (const auto change : changes) {
         change(sender);
-        EXPECT_TRUE(m_pSim->UpdateSender(sender));
+        EXPECT_TRUE(Update(sender));
         EXPECT_EQ(NotifyFrame("00 00 00 03 00 00 00 03 00 00 00 01"),
                   m_pClient->Receive(kNotifySize));
     }
+    ExpectNothingQueued(*m_pClient);
+}
+
+TEST_F(ReceiverStateTest, ChangesOfOneSenderByTwoThreadsLoseNothing) {
+    constexpr uint16_t kLast = 1000;
+    Start();
+    m_pSim->AddSender(MakeSender(3));
+    std::atomic<int> ready{0};
+    const auto count = [&](uint16_t Sender::*member) {
+        ++ready;
+        while (ready < 2)
+            std::this_thread::yield();
+        for (uint16_t i = 1; i <= kLast; ++i) {
+            m_pSim->ChangeSender(3, [&](Sender& sender) {
+                std::this_thread::yield();
+                sender.*member = i;
+            });
+            const Sender sender = m_pSim->Senders().at(0);
+            EXPECT_EQ(i, sender.*member);
+        }
+    };
+    std::thread other([&] { count(&Sender::osType); });
+    count(&Sender::status);
+    other.join();
+    EXPECT_EQ(kLast, m_pSim->Senders().at(0).status);
+    EXPECT_EQ(kLast, m_pSim->Senders().at(0).osType);
+}
+
+TEST_F(ReceiverStateTest, ChangedSenderKeepsItsKey) {
+    Start();
+    m_pSim->AddSender(MakeSender(3));
+    m_pSim->AddSender(MakeSender(4));
+    m_pClient = Connect();
+    for (const int32_t key : {4, 5}) {
+        EXPECT_TRUE(m_pSim->ChangeSender(3, [&](Sender& sender) { sender.key = key; }));
+        EXPECT_FALSE(m_pSim->ChangeSender(5, [](Sender&) { ADD_FAILURE(); }));
+    }
+    EXPECT_EQ(Hex("00 00 00 03 00 00 00 04"), KeysOf(ListOfShort(Frame32("10", "01"), 2)));
     ExpectNothingQueued(*m_pClient);
 }
 
@@ -359,8 +407,8 @@ TEST_F(ReceiverStateTest, WhatChangesNothingIsNotNotified) {
     m_pSim->AddSender(MakeSender(3));
     m_pClient = Connect();
     EXPECT_FALSE(m_pSim->AddSender(MakeSender(3, "other")));
-    EXPECT_TRUE(m_pSim->UpdateSender(MakeSender(3)));
-    EXPECT_FALSE(m_pSim->UpdateSender(MakeSender(4)));
+    EXPECT_TRUE(Update(MakeSender(3)));
+    EXPECT_FALSE(Update(MakeSender(4)));
     EXPECT_FALSE(m_pSim->RemoveSender(4));
     m_pSim->SetModerator({0, 0});
     ExpectNothingQueued(*m_pClient);

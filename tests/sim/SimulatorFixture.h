@@ -42,6 +42,9 @@ protected:
         m_Options.records = RecordSize::Short;
     }
 
+    // The observer's members are gone before those of this class.
+    void TearDown() override { m_pSim.reset(); }
+
     void Start() {
         m_pSim = std::make_unique<simulator::ReceiverSimulator>(m_Options, m_Observer);
         const std::error_code error = m_pSim->Start();
@@ -60,6 +63,10 @@ protected:
     void StartAndConnect() {
         Start();
         m_pClient = Connect();
+    }
+
+    bool Update(const Sender& sender) {
+        return m_pSim->ChangeSender(sender.key, [&](Sender& found) { found = sender; });
     }
 
     std::string Ask(const std::string& request, size_t answerSize = kFrameSize) {
