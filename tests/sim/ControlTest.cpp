@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -307,11 +308,15 @@ TEST_F(StandardInputTest, HelpListsQuit) {
 /// A terminal of which the test is the user.
 class TerminalTest : public StandardInputTest {
 protected:
-    TerminalTest() : m_User(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
-        EXPECT_EQ(0, grantpt(m_User.Get()));
-        EXPECT_EQ(0, unlockpt(m_User.Get()));
+    void SetUp() override {
+        const int user = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        if (user < 0)
+            GTEST_SKIP() << "this machine has no pseudo-terminals";
+        m_User.emplace(user);
+        ASSERT_EQ(0, grantpt(user));
+        ASSERT_EQ(0, unlockpt(user));
         char name[64];
-        EXPECT_EQ(0, ptsname_r(m_User.Get(), name, sizeof name));
+        ASSERT_EQ(0, ptsname_r(user, name, sizeof name));
         m_strTerminal = name;
     }
 
@@ -319,19 +324,19 @@ protected:
         return Descriptor(open(m_strTerminal.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     }
 
-    const Descriptor m_User;
+    std::optional<Descriptor> m_User;
     std::string m_strTerminal;
 };
 
 TEST_F(TerminalTest, IsReadAndStaysBlocking) {
     const Descriptor terminal = Open();
     Program program(With({}), terminal.Get());
-    ASSERT_TRUE(m_User.Write(kCommands));
+    ASSERT_TRUE(m_User->Write(kCommands));
     const uint16_t port = ListeningPort(program);
     EXPECT_EQ("ok", program.Line());
     EXPECT_TRUE(StartsWith(program.Line(), "error "));
     EXPECT_EQ(0, fcntl(terminal.Get(), F_GETFL) & O_NONBLOCK);
-    ASSERT_TRUE(m_User.Write("\x04"));  // Ctrl-D
+    ASSERT_TRUE(m_User->Write("\x04"));  // Ctrl-D
     ExpectServing(port);
     program.Signal(SIGTERM);
     EXPECT_TRUE(StartsWith(program.Rest(), "served 1 clients "));
@@ -341,8 +346,14 @@ TEST_F(TerminalTest, IsReadAndStaysBlocking) {
 /// A shell on that terminal, which has the program as one of its jobs.
 class JobTest : public TerminalTest {
 protected:
-    JobTest() : m_strOutput(m_strFolder + "/output"), m_strPidFile(m_strFolder + "/pid") {
+    JobTest() : m_strOutput(m_strFolder + "/output"), m_strPidFile(m_strFolder + "/pid") {}
+
+    void SetUp() override {
+        TerminalTest::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
         m_nShell = fork();
+        ASSERT_GE(m_nShell, 0);
         if (m_nShell == 0) {
             setsid();
             const int terminal = open(m_strTerminal.c_str(), O_RDWR);
@@ -354,6 +365,8 @@ protected:
     }
 
     ~JobTest() override {
+        if (m_nShell <= 0)
+            return;
         const pid_t job = static_cast<pid_t>(std::atoi(Contents(m_strPidFile).c_str()));
         if (job > 0 && Contents(m_strOutput).find("served ") == std::string::npos)
             kill(job, SIGKILL);
@@ -371,9 +384,9 @@ protected:
     }
 
     uint16_t StartInBackground() const {
-        EXPECT_TRUE(m_User.Write(std::string(RECEIVER_SIM_PROGRAM) + " --address " + m_strAddress +
-                                 " --port 0 >" + m_strOutput + " 2>&1 &\necho $! >" + m_strPidFile +
-                                 "\n"));
+        EXPECT_TRUE(m_User->Write(std::string(RECEIVER_SIM_PROGRAM) + " --address " + m_strAddress +
+                                  " --port 0 >" + m_strOutput + " 2>&1 &\necho $! >" +
+                                  m_strPidFile + "\n"));
         EXPECT_TRUE(AwaitOutput("\n"));
         const std::string line = Contents(m_strOutput);
         const size_t colon = line.find(':');
@@ -390,15 +403,15 @@ TEST_F(JobTest, ServesInTheBackgroundAndTakesCommandsInTheForeground) {
     const uint16_t port = StartInBackground();
     for (int i = 0; i < 10; ++i) {
         const std::string mark = m_strFolder + "/" + std::to_string(i);
-        ASSERT_TRUE(m_User.Write(": >" + mark + "\n"));
+        ASSERT_TRUE(m_User->Write(": >" + mark + "\n"));
         ASSERT_TRUE(WaitFor([&] { return access(mark.c_str(), F_OK) == 0; }));
         ExpectServing(port);
     }
-    ASSERT_TRUE(m_User.Write("fg\n"));
-    ASSERT_TRUE(WaitFor([&] { return tcgetpgrp(m_User.Get()) != m_nShell; }));
-    ASSERT_TRUE(m_User.Write("join 7\n"));
+    ASSERT_TRUE(m_User->Write("fg\n"));
+    ASSERT_TRUE(WaitFor([&] { return tcgetpgrp(m_User->Get()) != m_nShell; }));
+    ASSERT_TRUE(m_User->Write("join 7\n"));
     EXPECT_TRUE(AwaitOutput("\nok\n"));
-    ASSERT_TRUE(m_User.Write("quit\n"));
+    ASSERT_TRUE(m_User->Write("quit\n"));
     EXPECT_TRUE(AwaitOutput("served 10 clients "));
 }
 
