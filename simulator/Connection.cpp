@@ -83,11 +83,11 @@ void Connection::WatchMuted() {
 }
 
 void Connection::StartReading() {
-    m_bReading = true;
     m_Socket.async_read_some(boost::asio::buffer(m_Chunk),
                              [self = shared_from_this()](const ErrorCode& error, size_t size) {
                                  self->OnRead(error, size);
                              });
+    m_bReading = true;
 }
 
 void Connection::OnRead(const ErrorCode& error, size_t size) {
@@ -95,9 +95,10 @@ void Connection::OnRead(const ErrorCode& error, size_t size) {
     if (!m_bOpen) {
         // Lingers: see Close().
         m_bEnded = m_bEnded || error;
+        const bool sendsStill = m_bFlushing || (m_bResetting && error == boost::asio::error::eof);
         if (!error)
             StartReading();
-        else if (!m_bFlushing)
+        else if (!sendsStill)
             Close(Closing::AtOnce);
         return;
     }
@@ -193,12 +194,12 @@ void Connection::Write(const Piece& piece) {
     size_t size = piece.bytes->size() - m_nSent;
     if (piece.chunk != 0)
         size = std::min(size, piece.chunk - m_nSent % piece.chunk);
-    m_bWriting = true;
     m_Socket.async_write_some(
         boost::asio::buffer(piece.bytes->data() + m_nSent, size),
         [self = shared_from_this(), bytes = piece.bytes](const ErrorCode& error, size_t written) {
             self->OnWritten(error, written);
         });
+    m_bWriting = true;
 }
 
 void Connection::OnWritten(const ErrorCode& error, size_t size) {
@@ -294,6 +295,7 @@ void Connection::Close(Closing closing) {
     ErrorCode ignored;
     if (closing == Closing::Reset) {
         m_Socket.set_option(boost::asio::socket_base::linger(true, 0), ignored);
+        m_bResetting = true;
         Later(kLinger, [](Connection& self) { self.Close(Closing::AtOnce); });
         ResetWhenAllArrived();
         return;
@@ -305,7 +307,9 @@ void Connection::Close(Closing closing) {
 void Connection::ResetWhenAllArrived() {
     int waiting = 0;
     if (ioctl(m_Socket.native_handle(), SIOCOUTQ, &waiting) == 0 && waiting > 0) {
-        Later(kArrivalWatch, [](Connection& self) { self.ResetWhenAllArrived(); });
+        // Nothing else may hold it any more.
+        Later(kArrivalWatch,
+              [kept = shared_from_this()](Connection& self) { self.ResetWhenAllArrived(); });
         return;
     }
     Close(Closing::AtOnce);

@@ -96,8 +96,9 @@ private:
     FrameFinder m_Finder;
     std::array<char, size_t{16} * 1024> m_Chunk{};
     bool m_bOpen = true;
-    bool m_bFlushing = false;  // closed for the owner; what waits is still sent
-    bool m_bReading = false;   // a read is in progress
+    bool m_bFlushing = false;   // closed for the owner; what waits is still sent
+    bool m_bResetting = false;  // closed for the owner; what the system has is still sent
+    bool m_bReading = false;    // a read is in progress
     bool m_bMuted = false;
     bool m_bEnded = false;  // the client sends no more
 

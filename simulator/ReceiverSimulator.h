@@ -96,7 +96,8 @@ struct Options {
     std::string address = "127.0.0.1";  // dotted IPv4
     uint16_t port = kReceiverPort;      // 0: any free one, see Port()
     RecordSize records = RecordSize::Long;
-    /// A client with more unsent bytes than this is dropped when the next frame for it is due.
+    /// A client with more unsent bytes than this is dropped when the next frame for it is due. What
+    /// waits apart counts 512 bytes more: each frame that a fault has touched, each long one.
     size_t maxBacklog = size_t{16} * 1024 * 1024;
     /// Conference control ends when it is not refreshed for so long; 0: never.
     std::chrono::milliseconds confTimeout{30000};
@@ -313,8 +314,8 @@ public:
     Result StartPlay(int32_t key, uint8_t option);
     Result StopPlay(int32_t key);
 
-    /// Closes all connections; what waits for a client that reads is still sent. Returns before
-    /// they are closed: ClientCount() tells.
+    /// Closes all connections; what waits for a client that reads is still sent, but for what a
+    /// fault holds back. Returns before they are closed: ClientCount() tells.
     void DropClients();
 
     /**
@@ -361,7 +362,8 @@ public:
     /// The option with which a sender is shown; none when it is not.
     std::optional<uint8_t> ShownOption(int32_t key) const;
 
-    /// Clients that are connected now.
+    /// Clients that are connected now. One that has ended its sending counts until it has got all
+    /// that is due to it, also what a fault holds back.
     size_t ClientCount() const;
     /// Whole frames received with this command byte.
     uint64_t FramesReceived(uint8_t code) const;

@@ -110,6 +110,7 @@ private:
     void Accept();
     void OnAccepted(const ErrorCode& error, tcp::socket socket);
     void Adopt(tcp::socket socket);
+    void Welcome(Connection& connection);
     void OnBytes(Connection& connection, const char* bytes, size_t size) override;
     bool OnFrames(Connection& connection) override;
     void Serve(Connection& connection, const Frame& frame);

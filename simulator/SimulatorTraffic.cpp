@@ -14,11 +14,11 @@ constexpr int kFramesATurn = 8;
 }  // namespace
 
 void ReceiverSimulator::Impl::Accept() {
-    m_bAccepting = true;
     m_Acceptor.async_accept([this](const ErrorCode& error, tcp::socket socket) {
         m_bAccepting = false;
         OnAccepted(error, std::move(socket));
     });
+    m_bAccepting = true;
 }
 
 void ReceiverSimulator::Impl::OnAccepted(const ErrorCode& error, tcp::socket socket) {
@@ -49,22 +49,30 @@ void ReceiverSimulator::Impl::Adopt(tcp::socket socket) {
     m_Connections[connection->Id()] = connection;
     ++m_Counters.clients;
     ++m_nConnected;
+    try {
+        Welcome(*connection);
+    } catch (const std::exception&) {
+        Close(*connection, ClientChange::Failed, Closing::AtOnce);
+    }
+}
+
+void ReceiverSimulator::Impl::Welcome(Connection& connection) {
     if (m_Observer.client)
-        m_Observer.client(connection->Id(), ClientChange::Connected, connection->Peer());
+        m_Observer.client(connection.Id(), ClientChange::Connected, connection.Peer());
     bool closes = false;
     bool mutes = false;
     {
         std::lock_guard<std::mutex> lock(m_Mutex);
-        closes = m_Faults.TakesConnection(FaultKind::CloseOnAccept, connection->GetRandom());
-        mutes = !closes && m_Faults.TakesConnection(FaultKind::NeverRead, connection->GetRandom());
+        closes = m_Faults.TakesConnection(FaultKind::CloseOnAccept, connection.GetRandom());
+        mutes = !closes && m_Faults.TakesConnection(FaultKind::NeverRead, connection.GetRandom());
         m_nMuted += mutes;
     }
     if (closes)
-        Close(*connection, ClientChange::Faulted, Closing::Gracefully);
+        Close(connection, ClientChange::Faulted, Closing::Gracefully);
     else if (mutes)
-        connection->Mute();
+        connection.Mute();
     else
-        connection->StartReading();
+        connection.StartReading();
     if (m_Player)
         m_Player->OnClient();
 }
@@ -175,6 +183,8 @@ void ReceiverSimulator::Impl::Close(Connection& connection, ClientChange change,
     const std::shared_ptr<Connection> kept = connection.shared_from_this();
     if (connection.IsMuted())
         --m_nMuted;
+    m_Connections.erase(connection.Id());
+    --m_nConnected;
     connection.Close(closing);
     if (closing != Closing::AtOnce) {
         const auto isGone = [](const std::weak_ptr<Connection>& one) { return one.expired(); };
@@ -182,8 +192,6 @@ void ReceiverSimulator::Impl::Close(Connection& connection, ClientChange change,
                           m_Lingering.end());
         m_Lingering.push_back(kept);
     }
-    m_Connections.erase(connection.Id());
-    --m_nConnected;
     if (m_Observer.client)
         m_Observer.client(connection.Id(), change, connection.Peer());
 }

@@ -195,6 +195,35 @@ TEST_F(LimitsTest, HalfOfAFullListArrivesBeforeAReset) {
     }
 }
 
+TEST_F(LimitsTest, SlowClientThatSendsNoMoreGetsAllUpToAReset) {
+    StartFull();
+    On(CutFault(16, 700000, CutEnd::Reset));
+    const auto slow = Connect(4096);
+    ASSERT_TRUE(slow->Send(Frame32("10", "01")));
+    slow->EndSending();
+    // It has been given up, with most of its bytes still in the system.
+    ASSERT_TRUE(WaitFor([this] { return m_pSim->ClientCount() == 0; }));
+    std::string list;
+    EXPECT_EQ(Ending::Reset, slow->ReceiveToEnd(list));
+    EXPECT_EQ(700000u, list.size());
+}
+
+TEST_F(LimitsTest, SlowClientOfManyRequestsGetsAllUpToAReset) {
+    Start();
+    for (int32_t key = 1; key <= 6000; ++key)
+        m_pSim->AddSender(MakeSender(key));
+    On(CutFault(32, 0, CutEnd::Reset));
+    const auto slow = Connect(4096);
+    std::string requests = Frame32("10", "01");
+    for (int i = 0; i < 500; ++i)
+        requests += Frame32("20", "01");
+    ASSERT_TRUE(slow->Send(requests));
+    ASSERT_TRUE(WaitFor([this] { return m_pSim->ClientCount() == 0; }));
+    std::string list;
+    EXPECT_EQ(Ending::Reset, slow->ReceiveToEnd(list));
+    EXPECT_EQ(kListHeadSize + 6000u * 128, list.size());
+}
+
 TEST_F(LimitsTest, DroppedClientThatSendsNoMoreStillGetsItsList) {
     StartFull();
     const auto dropped = Connect(4096);
