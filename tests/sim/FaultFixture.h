@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -87,6 +88,10 @@ struct Exchange {
     const char* answer;   // code, hex
     const char* payload;  // of the answer, hex
 };
+
+inline void PrintTo(const Exchange& exchange, std::ostream* stream) {
+    *stream << "command " << exchange.command;
+}
 
 inline const std::vector<Exchange>& Exchanges() {
     static const std::vector<Exchange> kExchanges = {
