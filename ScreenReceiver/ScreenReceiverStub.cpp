@@ -8,7 +8,7 @@
 #include "TeskClient/RecordedLines.h"
 #include "TeskClient/WireFormat.h"
 
-struct ReceiverCommand {
+struct screen_receiver::ReceiverCommand {
     unsigned char code;  // of the request; its answer's is one more
     const char* name;
     int recordedLine;  // of the answer's result; 0 where none is recorded

@@ -11,6 +11,8 @@
 #include "common/Export.h"
 #include "common/LockOrder.h"
 
+inline namespace screen_receiver {
+
 /// Notification of the receiver: three values whose meaning is the receiver's. Its result is
 /// ignored.
 typedef int (*ScrRcvNotifyCB)(int, int, int);
@@ -135,5 +137,7 @@ private:
     OrderedMutex<LockRank::Request> m_RequestMutex;
     bool m_bRequesting;  // guarded by m_RequestMutex
 };
+
+}  // namespace screen_receiver
 
 #endif  // SCREENRECEIVER_SCREENRECEIVERSTUB_H_

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+inline namespace screen_receiver {
+
 /**
  * One sender as the receiver lists it. A plain value, filled by ScreenReceiverStub.
  *
@@ -48,5 +50,7 @@ private:
     uint32_t m_nSdkVersion = 0;
     std::string m_strProductID;
 };
+
+}  // namespace screen_receiver
 
 #endif  // SCREENRECEIVER_SCREENSENDERINFO_H_

@@ -8,6 +8,8 @@
 #include "common/LockOrder.h"
 #include "common/Logger.h"
 
+inline namespace screen_receiver {
+
 /// std::atomic pointer that can be called through.
 template <class T>
 class AtomicPointer : public std::atomic<T*> {
@@ -109,5 +111,7 @@ protected:
     Logger m_Logger;
     OrderedMutex<LockRank::ErrorState> m_ErrMutex;
 };
+
+}  // namespace screen_receiver
 
 #endif  // TESKCLIENT_ERRORHANDLER_H_

@@ -21,6 +21,8 @@
  */
 bool timed_wait(boost::condition_variable_any& condition, boost::recursive_mutex& mutex, int ms);
 
+inline namespace screen_receiver {
+
 /**
  * A client of a framed command protocol over one TCP connection. The frame rule stands in
  * WireFormat.h, the lock order in common/LockOrder.h.
@@ -332,5 +334,7 @@ private:
     std::atomic<bool> m_bTornDown;              // m_bRunning was lowered by a teardown
     std::atomic<bool> m_bEnded;                 // raised by EndThreads
 };
+
+}  // namespace screen_receiver
 
 #endif  // TESKCLIENT_PROTOCOLBASE_H_

@@ -7,6 +7,8 @@
 #include "common/Export.h"
 #include "common/LockOrder.h"
 
+inline namespace screen_receiver {
+
 /**
  * One connected stream socket on which one thread may send while another receives.
  *
@@ -89,5 +91,7 @@ private:
 
     mutable int m_nSocket;
 };
+
+}  // namespace screen_receiver
 
 #endif  // TESKCLIENT_THDSAFESOCKET_H_

@@ -11,6 +11,8 @@
 #include <iterator>
 #endif
 
+inline namespace screen_receiver {
+
 /**
  * The one table of the lock order. A thread takes ranks upwards only; a mutex that it already holds
  * it may take again, whatever else it holds.
@@ -135,5 +137,7 @@ public:
         boost::recursive_mutex::unlock();
     }
 };
+
+}  // namespace screen_receiver
 
 #endif  // COMMON_LOCKORDER_H_

@@ -7,6 +7,8 @@
 #include "common/Export.h"
 #include "common/LockOrder.h"
 
+inline namespace screen_receiver {
+
 /// Severity of a log line; a smaller value is more severe. Values in between are legal.
 enum LogLevel : int {
     kLogFatal = 0,
@@ -89,5 +91,7 @@ protected:
 private:
     bool IsWritten(LogLevel level) const { return m_pfnWriteLogva != nullptr && level <= m_nLevel; }
 };
+
+}  // namespace screen_receiver
 
 #endif  // COMMON_LOGGER_H_

@@ -75,16 +75,16 @@ void __wrap__Z15PeekSomeMessagei(int argument) {
         Interposed().pump(false, argument);
 }
 
-int __real__ZN13ThdSafeSocket4recvEPciii(ThdSafeSocket*, char*, int, int, int);
-int __wrap__ZN13ThdSafeSocket4recvEPciii(ThdSafeSocket*, char*, int, int, int);
-int __wrap__ZN13ThdSafeSocket4recvEPciii(
+int __real__ZN15screen_receiver13ThdSafeSocket4recvEPciii(ThdSafeSocket*, char*, int, int, int);
+int __wrap__ZN15screen_receiver13ThdSafeSocket4recvEPciii(ThdSafeSocket*, char*, int, int, int);
+int __wrap__ZN15screen_receiver13ThdSafeSocket4recvEPciii(
     ThdSafeSocket* sock, char* buf, int len, int flags, int timeoutMs) {
     if (Interposed().recv) {
         const std::optional<int> result = Interposed().recv(buf, len, flags, timeoutMs);
         if (result)
             return *result;
     }
-    return __real__ZN13ThdSafeSocket4recvEPciii(sock, buf, len, flags, timeoutMs);
+    return __real__ZN15screen_receiver13ThdSafeSocket4recvEPciii(sock, buf, len, flags, timeoutMs);
 }
 
 bool __real__ZN5boost6thread21start_thread_noexceptEv(void* thread);

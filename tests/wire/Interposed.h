@@ -5,8 +5,6 @@
 #include <functional>
 #include <optional>
 
-class ThdSafeSocket;
-
 namespace sr_test {
 
 /**
