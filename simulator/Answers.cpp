@@ -70,8 +70,8 @@ Result Answers::Steer(const Request& request, uint64_t client, ReceiverState::No
 }
 
 Bytes Answers::Unasked(int command, uint64_t round) {
-    const uint8_t request =
-        command < 0 ? kRequests[round % kRequests.size()] : static_cast<uint8_t>(command & ~1);
+    const uint8_t request = command < 0 ? kRequests[static_cast<size_t>(round % kRequests.size())]
+                                        : static_cast<uint8_t>(command & ~1);
     const auto code = static_cast<uint8_t>(request + 1);
     if (IsListAnswer(code))
         return List(request);

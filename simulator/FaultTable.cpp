@@ -40,7 +40,7 @@ std::string MakeGarbage(const Fault& fault, Random& random) {
     std::string garbage;
     while (garbage.size() < size) {
         if (fault.prefixParts)
-            garbage.append(prefix, 0, 1 + random() % (prefix.size() - 1));
+            garbage.append(prefix, 0, 1 + static_cast<size_t>(random() % (prefix.size() - 1)));
         else
             garbage += static_cast<char>(static_cast<unsigned char>(random() & 0xFFu));
     }

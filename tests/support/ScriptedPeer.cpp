@@ -27,7 +27,7 @@
 #define SR_SLOW_BUILD
 #endif
 #endif
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(SR_EMULATED)
 #define SR_SLOW_BUILD
 #endif
 

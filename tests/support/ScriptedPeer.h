@@ -11,7 +11,8 @@ namespace sr_test {
 
 using std::chrono::milliseconds;
 
-/// Stretches a time-out for slow builds: sanitizers and emulators set SR_TEST_SLOWDOWN or are known.
+/// Stretches a time-out for slow builds: sanitizers and emulation are known, slow
+/// machines set SR_TEST_SLOWDOWN.
 milliseconds Stretched(milliseconds time);
 
 /// Waits for a condition, looking at it every millisecond; false when `limit` (stretched) has passed.

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "TeskClient/DescriptorSet.h"
+#include "tests/support/Emulation.h"
 
 namespace {
 
@@ -88,6 +89,8 @@ TEST_F(DescriptorSetTest, SelectLeavesWhatIsReady) {
 }
 
 TEST_F(DescriptorSetTest, SelectWorksBeyondTheFixedSetsEnd) {
+    if (sr_test::kEmulated)
+        GTEST_SKIP() << "the emulator's own select() aborts at a descriptor of 1024 and more";
     if (!RaiseReadingEnd(1500))
         GTEST_SKIP() << "the system allows no descriptor of 1500";
     DescriptorSet idle(m_High);

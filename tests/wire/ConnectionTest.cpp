@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <set>
 
+#include "tests/support/Emulation.h"
 #include "tests/wire/ProtocolFixture.h"
 
 namespace sr_test {
@@ -778,6 +779,8 @@ TEST_F(ConnectionTest, FiftyConnectionsLeaveNoDescriptor) {
 // ---- Descriptors beyond what a plain set of the platform holds ----
 
 TEST_F(ConnectionTest, DescriptorsOf1024AndMoreConnect) {
+    if (kEmulated)
+        GTEST_SKIP() << "the emulator's own select() aborts at a descriptor of 1024 and more";
     rlimit limit = {};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
     limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, 2000);
