@@ -41,6 +41,7 @@ public:
     void operator()(const Notified& notified) {
         Print("notification", notified.time, {{"values", notified.values}});
     }
+    void operator()(const Lost& lost) { Print("lost", lost.time, {{"count", lost.count}}); }
     void operator()(const Listed& listed);
     void operator()(const Linked& linked);
     void operator()(const Acted&) {}  // nothing is ordered

@@ -17,11 +17,11 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr milliseconds kFirstPause(500);
-constexpr milliseconds kLongestPause(10000);
 constexpr milliseconds kUsualAnswer(300);
 // Between two lists, so that many notifications do not become as many requests.
 constexpr milliseconds kListGap(50);
+// A reader of a pipe may stand still for ever.
+constexpr size_t kMaxWaiting = 100000;
 
 WallTime Now() {
     return std::chrono::system_clock::now();
@@ -58,6 +58,8 @@ std::vector<WatchEvent> WatchFeed::Take() {
     const std::lock_guard<std::mutex> lock(m_Mutex);
     eventfd_t count = 0;
     eventfd_read(m_nReady, &count);
+    m_bTaken = true;
+    m_Wake.notify_one();
     return std::exchange(m_Events, {});
 }
 
@@ -73,37 +75,49 @@ bool WatchFeed::IsWaiting() const {
 }
 
 void WatchFeed::Hear(const int* values) {
-    if (values != nullptr)
-        Tell(Notified{Now(), {values[0], values[1], values[2]}});
     const std::lock_guard<std::mutex> lock(m_Mutex);
+    if (values != nullptr)
+        Keep({Now(), {values[0], values[1], values[2]}});
     m_bStirred = true;
     m_Wake.notify_one();
+}
+
+void WatchFeed::Keep(const Notified& notified) {
+    if (m_Events.size() < kMaxWaiting)
+        m_Events.push_back(notified);
+    else if (Lost* lost = std::get_if<Lost>(&m_Events.back()))
+        ++lost->count;
+    else
+        m_Events.push_back(Lost{notified.time, 1});
+    eventfd_write(m_nReady, 1);
 }
 
 void WatchFeed::Tell(WatchEvent event) {
     const std::lock_guard<std::mutex> lock(m_Mutex);
     m_Events.push_back(std::move(event));
+    m_bTaken = false;
     eventfd_write(m_nReady, 1);
 }
 
 void WatchFeed::Work() {
-    milliseconds pause = kFirstPause;
     for (;;) {
         Result failure = m_Receiver.Connect();
         if (!failure)
-            failure = Serve(pause);
+            failure = Serve();
         if (failure->exit == Exit::WrongUsage)
             return Tell(Unusable{*failure});
+        const milliseconds pause = m_Pause.Next();
         const auto next = Clock::now() + pause;
         Tell(Linked{Now(), {false, failure->code, failure->message, pause, next}});
+        // Whoever gives orders must know before the next try that the link was lost.
+        AwaitTaker();
         Rest(next, *failure);
-        pause = std::min(pause * 2, kLongestPause);
     }
 }
 
 /// Until the link breaks. The pauses only get short again once the receiver has answered, since one
 /// that accepts and closes at once should not be tried twice a second.
-Failure WatchFeed::Serve(milliseconds& pause) {
+Failure WatchFeed::Serve() {
     LinkState link;
     link.connected = true;
     Tell(Linked{Now(), link});
@@ -112,7 +126,7 @@ Failure WatchFeed::Serve(milliseconds& pause) {
         const Result failure = Do(order);
         if (failure)
             return *failure;
-        pause = kFirstPause;
+        m_Pause.Reset();
         order = NextOrder();
     }
 }
@@ -120,6 +134,7 @@ Failure WatchFeed::Serve(milliseconds& pause) {
 /// Refresh when none has been given and it is time.
 Order WatchFeed::NextOrder() {
     const auto answered = Clock::now();
+    AwaitTaker();
     std::unique_lock<std::mutex> lock(m_Mutex);
     m_Wake.wait_until(lock, answered + kListGap, [this] { return !m_Orders.empty(); });
     m_Wake.wait_until(lock, answered + m_Every, [this] { return m_bStirred || !m_Orders.empty(); });
@@ -183,6 +198,11 @@ void WatchFeed::Rest(Clock::time_point end, const Failure& failure) {
         Tell(Acted{Now(), order, failure});
         lock.lock();
     }
+}
+
+void WatchFeed::AwaitTaker() {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_Wake.wait(lock, [this] { return m_bTaken; });
 }
 
 void WatchFeed::SetWaiting(bool waiting) {

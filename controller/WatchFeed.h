@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -27,6 +28,11 @@ struct Notified {
     WallTime time;
     std::array<int, 3> values;
 };
+/// So many notifications in a row were not kept, since too many waited already.
+struct Lost {
+    WallTime time;  // of the first
+    uint64_t count;
+};
 struct Listed {
     WallTime time;
     std::vector<ScreenSenderInfo> senders;
@@ -45,12 +51,13 @@ struct Acted {
 struct Unusable {
     Failure failure;
 };
-using WatchEvent = std::variant<Notified, Listed, Linked, Acted, Unusable>;
+using WatchEvent = std::variant<Notified, Lost, Listed, Linked, Acted, Unusable>;
 
 /**
  * Keeps a connection to a receiver and tells what happens there. Asks for the list after every
  * notification and every order, and at an interval. When the link breaks, it connects again, with
- * growing pauses.
+ * growing pauses. When what it tells is not taken, it stands still and keeps only so many
+ * notifications.
  *
  * Lives until the process ends: a request may take many seconds to fail, and nobody who quits
  * wants to wait for it.
@@ -83,25 +90,29 @@ private:
     ~WatchFeed() = default;
 
     void Hear(const int* values);
+    void Keep(const Notified& notified);
     void Tell(WatchEvent event);
 
     // Thread of its own.
     void Work();
-    Failure Serve(std::chrono::milliseconds& pause);
+    Failure Serve();
     Order NextOrder();
     Result Do(const Order& order);
     Result Act(const Order& order);
     Result List();
     void Rest(Clock::time_point end, const Failure& failure);
+    void AwaitTaker();
     void SetWaiting(bool waiting);
 
     const std::chrono::milliseconds m_Every;
     const int m_nReady;
-    Receiver m_Receiver;  // used by the thread only
+    Receiver m_Receiver;  // this and the next are used by the thread only
+    RetryPause m_Pause;
 
     mutable std::mutex m_Mutex;  // guards all below
     std::condition_variable m_Wake;
     std::vector<WatchEvent> m_Events;
+    bool m_bTaken = true;  // what the thread has told; notifications do not count
     std::deque<Order> m_Orders;
     bool m_bStirred = false;  // something has happened since the last list was asked for
     std::optional<Clock::time_point> m_WaitingSince;

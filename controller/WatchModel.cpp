@@ -26,6 +26,15 @@ SenderList ByKey(SenderList senders) {
     return senders;
 }
 
+bool IsThere(const ScreenSenderInfo& wanted, const SenderList& senders) {
+    const auto isSame = [&wanted](const ScreenSenderInfo& sender) {
+        return sender.GetPrimaryKey() == wanted.GetPrimaryKey() &&
+               sender.GetIpAddress() == wanted.GetIpAddress() &&
+               std::string_view(sender.GetUserName()) == wanted.GetUserName();
+    };
+    return std::any_of(senders.begin(), senders.end(), isSame);
+}
+
 // A key may come more than once in a list: the first is compared with the first.
 std::vector<Change> Compare(const SenderList& before, const SenderList& after) {
     std::vector<Change> changes;
@@ -50,13 +59,22 @@ std::vector<Change> Compare(const SenderList& before, const SenderList& after) {
 
 }  // namespace
 
+std::chrono::milliseconds RetryPause::Next() {
+    const auto pause = m_Next;
+    m_Next = std::min(pause * 2, kLongest);
+    return pause;
+}
+
 std::vector<Change> WatchModel::Update(SenderList senders, WallTime time) {
     std::vector<Change> changes;
     if (m_bHasList)
         changes = Compare(ByKey(m_Senders), ByKey(senders));
     m_bHasList = true;
+    m_bListCurrent = true;
     m_Answered = time;
     m_Senders = std::move(senders);
+    if (m_Asked && !IsThere(*m_Asked, m_Senders))
+        EndQuestion();
     if (!m_nChosen)
         Choose(0);
     else if (const std::optional<size_t> row = Chosen())
@@ -87,9 +105,18 @@ void WatchModel::Choose(size_t row) {
     m_nChosen = m_Senders[m_nRow].GetPrimaryKey();
 }
 
+void WatchModel::AskLogout() {
+    if (const std::optional<size_t> row = Chosen())
+        m_Asked = m_Senders[*row];
+}
+
 bool WatchModel::SetLink(const LinkState& link) {
     const bool isNews = !m_Link || m_Link->connected != link.connected || m_Link->code != link.code;
     m_Link = link;
+    if (!link.connected) {
+        m_bListCurrent = false;
+        EndQuestion();
+    }
     return isNews;
 }
 

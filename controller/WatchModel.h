@@ -29,6 +29,19 @@ struct LinkState {
     std::chrono::steady_clock::time_point next{};  // when that will be
 };
 
+/// The pauses between tries to connect: each twice as long as the one before, up to 10 s.
+class RetryPause {
+public:
+    std::chrono::milliseconds Next();
+    void Reset() { m_Next = kFirst; }
+
+private:
+    static constexpr std::chrono::milliseconds kFirst{500};
+    static constexpr std::chrono::milliseconds kLongest{10000};
+
+    std::chrono::milliseconds m_Next = kFirst;
+};
+
 struct LogEntry {
     WallTime time;
     std::string text;  // safe to print
@@ -43,6 +56,8 @@ public:
     /// keys; nothing for the first.
     std::vector<Change> Update(std::vector<ScreenSenderInfo> senders, WallTime time);
     bool HasList() const { return m_bHasList; }
+    /// False from the loss of the link until the next list: a key may be someone else's by now.
+    bool IsListCurrent() const { return m_bListCurrent; }
     const std::vector<ScreenSenderInfo>& Senders() const { return m_Senders; }
 
     /// Chooses the sender so many rows further down (negative: up), not past the ends. When the
@@ -51,6 +66,14 @@ public:
     /// The row of the chosen sender. It is remembered by its key: while it is away none is chosen,
     /// so that nothing is done to the one that has moved up.
     std::optional<size_t> Chosen() const;
+
+    /// Begins to ask whether the chosen sender shall be logged out. The question ends with the link,
+    /// and when the sender leaves or its name or address changes: a yes is meant for the one that
+    /// the user was shown.
+    void AskLogout();
+    void EndQuestion() { m_Asked.reset(); }
+    /// None when nothing is asked.
+    const std::optional<ScreenSenderInfo>& Asked() const { return m_Asked; }
 
     /// True when this is news: connected or not, or another reason.
     bool SetLink(const LinkState& link);
@@ -69,8 +92,10 @@ private:
 
     std::vector<ScreenSenderInfo> m_Senders;
     bool m_bHasList = false;
+    bool m_bListCurrent = false;
     std::optional<int> m_nChosen;  // its key
     size_t m_nRow = 0;             // where it was last
+    std::optional<ScreenSenderInfo> m_Asked;
     std::optional<LinkState> m_Link;
     std::optional<WallTime> m_Answered;
     std::deque<LogEntry> m_Entries;

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <array>
@@ -35,12 +36,15 @@ constexpr int kEscapeMs = 50;
 class Terminal {
 public:
     Terminal() : m_pScreen(newterm(nullptr, stdout, stdin)) {
+        if (m_pScreen != nullptr && tigetstr("cup") == nullptr)
+            Release();
         if (m_pScreen == nullptr)
             return;
         set_escdelay(kEscapeMs);
         cbreak();
         noecho();
         keypad(stdscr, TRUE);
+        IgnoreFlowControl();
         nodelay(stdscr, TRUE);
         curs_set(0);
         if (has_colors()) {
@@ -51,14 +55,13 @@ public:
         Resize();
     }
     ~Terminal() {
-        if (m_pScreen == nullptr)
-            return;
-        endwin();
-        delscreen(m_pScreen);
+        if (m_pScreen != nullptr)
+            Release();
     }
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
 
+    /// False for a terminal on which the cursor cannot be placed.
     bool IsOpen() const { return m_pScreen != nullptr; }
 
     /// Takes the size that the terminal has now.
@@ -87,6 +90,22 @@ private:
     static constexpr short kGood = 1;
     static constexpr short kBad = 2;
 
+    void Release() {
+        endwin();
+        delscreen(m_pScreen);
+        m_pScreen = nullptr;
+    }
+
+    /// Else Ctrl-S would let the next drawing wait for ever, and the signals with it.
+    static void IgnoreFlowControl() {
+        termios settings = {};
+        if (tcgetattr(STDOUT_FILENO, &settings) != 0)
+            return;
+        settings.c_iflag &= ~static_cast<tcflag_t>(IXON);
+        tcsetattr(STDOUT_FILENO, TCSANOW, &settings);
+        def_prog_mode();
+    }
+
     static chtype AttributesOf(Style style) {
         switch (style) {
             case Style::Heading:
@@ -112,7 +131,7 @@ public:
     Signals() {
         sigset_t set;
         sigemptyset(&set);
-        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGWINCH})
+        for (const int number : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGWINCH})
             sigaddset(&set, number);
         pthread_sigmask(SIG_BLOCK, &set, nullptr);
         m_nDescriptor = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
@@ -163,6 +182,7 @@ public:
     Receiver::Result Run();
 
     void operator()(const Notified& notified);
+    void operator()(const Lost& lost);
     void operator()(const Listed& listed);
     void operator()(const Linked& linked);
     void operator()(const Acted& acted);
@@ -172,6 +192,7 @@ private:
     void Draw();
     void Wait();
     void TakeSignals();
+    void TakeEvents();
     void TakeKeys();
     void Press(int key);
     void Answer(int key);
@@ -186,7 +207,6 @@ private:
     Signals m_Signals;
     Terminal m_Terminal;
     std::string m_strStatus;
-    std::optional<Order> m_Asked;  // waits for a y
     bool m_bQuit = false;
     Receiver::Result m_Failure;
 };
@@ -195,17 +215,17 @@ Receiver::Result WatchScreen::Run() {
     if (!m_Terminal.IsOpen()) {
         const char* type = std::getenv("TERM");
         return Failure{Exit::WrongUsage, 0, "",
-                       fmt::format("The terminal type \"{}\" is not known: set TERM to what the "
-                                   "terminal is, or use --json.",
+                       fmt::format("The terminal type \"{}\" is not known or cannot fill a screen: "
+                                   "set TERM to what the terminal is, or use --json.",
                                    Printable(type == nullptr ? "" : type))};
     }
     while (!m_bQuit) {
         Draw();
         Wait();
         TakeSignals();
+        // Before the keys, which are meant for what is there.
+        TakeEvents();
         TakeKeys();
-        for (const WatchEvent& event : m_Feed.Take())
-            std::visit(*this, event);
     }
     return m_Failure;
 }
@@ -213,6 +233,10 @@ Receiver::Result WatchScreen::Run() {
 void WatchScreen::operator()(const Notified& notified) {
     m_Model.Log(notified.time, fmt::format("notification {}, {}, {}", notified.values[0],
                                            notified.values[1], notified.values[2]));
+}
+
+void WatchScreen::operator()(const Lost& lost) {
+    m_Model.Log(lost.time, fmt::format("{} notifications were not kept", lost.count));
 }
 
 void WatchScreen::operator()(const Listed& listed) {
@@ -260,8 +284,9 @@ void WatchScreen::Draw() {
 }
 
 std::string WatchScreen::Status() const {
-    if (m_Asked)
-        return m_strStatus;
+    if (const std::optional<ScreenSenderInfo>& asked = m_Model.Asked())
+        return fmt::format("log out {} {}? (y/n)", asked->GetPrimaryKey(),
+                           Printable(asked->GetUserName()));
     return m_Feed.IsWaiting() ? "waiting for an answer" : m_strStatus;
 }
 
@@ -284,11 +309,20 @@ void WatchScreen::TakeSignals() {
     }
 }
 
+void WatchScreen::TakeEvents() {
+    const std::optional<ScreenSenderInfo> asked = m_Model.Asked();
+    for (const WatchEvent& event : m_Feed.Take())
+        std::visit(*this, event);
+    if (asked && !m_Model.Asked())
+        m_strStatus = fmt::format("log out {}: not done, the sender or the link has changed",
+                                  asked->GetPrimaryKey());
+}
+
 void WatchScreen::TakeKeys() {
     for (int key = m_Terminal.Key(); key != ERR; key = m_Terminal.Key()) {
         if (key == KEY_RESIZE)
             continue;
-        if (m_Asked)
+        if (m_Model.Asked())
             Answer(key);
         else
             Press(key);
@@ -321,12 +355,13 @@ void WatchScreen::Press(int key) {
 }
 
 void WatchScreen::Answer(int key) {
-    m_strStatus = fmt::format("log out {}: not done", m_Asked->sender);
+    const int sender = m_Model.Asked()->GetPrimaryKey();
+    m_Model.EndQuestion();
+    m_strStatus = fmt::format("log out {}: not done", sender);
     if (key == 'y') {
         m_strStatus.clear();
-        m_Feed.Give(*m_Asked);
+        m_Feed.Give({Order::Act::Logout, sender});
     }
-    m_Asked.reset();
 }
 
 void WatchScreen::Act(Order::Act act) {
@@ -337,10 +372,8 @@ void WatchScreen::Act(Order::Act act) {
 }
 
 void WatchScreen::AskLogout() {
-    m_Asked = OrderFor(Order::Act::Logout);
-    if (m_Asked)
-        m_strStatus = fmt::format("log out {} {}? (y/n)", m_Asked->sender,
-                                  Printable(m_Model.Senders()[*m_Model.Chosen()].GetUserName()));
+    if (OrderFor(Order::Act::Logout))
+        m_Model.AskLogout();
 }
 
 /// For the chosen sender; none, and the status says why, when it cannot be given.
@@ -348,6 +381,8 @@ std::optional<Order> WatchScreen::OrderFor(Order::Act act) {
     const std::optional<size_t> row = m_Model.Chosen();
     if (!m_Model.Link() || !m_Model.Link()->connected)
         m_strStatus = fmt::format("{}: not connected", NameOf(act));
+    else if (!m_Model.IsListCurrent())
+        m_strStatus = fmt::format("{}: the list has not come yet", NameOf(act));
     else if (!row)
         m_strStatus = fmt::format("{}: no sender is chosen, press up or down", NameOf(act));
     else

@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -22,6 +23,7 @@ namespace {
 
 using screenctl::Change;
 using screenctl::LinkState;
+using screenctl::RetryPause;
 using screenctl::WallTime;
 using screenctl::WatchModel;
 using ::testing::ElementsAre;
@@ -31,6 +33,8 @@ using ::testing::MatchesRegex;
 
 constexpr int kGetSenderList = 16;
 constexpr int kStartPlay = 18;
+constexpr int kStopPlay = 20;
+constexpr int kForceLogout = 30;
 
 // ---------------------------------------------------------------------------------------- model
 
@@ -80,6 +84,11 @@ protected:
         const auto row = m_Model.Chosen();
         ASSERT_TRUE(row);
         EXPECT_EQ(key, m_Model.Senders()[*row].GetPrimaryKey());
+    }
+
+    void ExpectAsked(int key) {
+        ASSERT_TRUE(m_Model.Asked());
+        EXPECT_EQ(key, m_Model.Asked()->GetPrimaryKey());
     }
 
     WatchModel m_Model;
@@ -209,6 +218,94 @@ TEST_F(WatchModelTest, LinkIsNewsOnceAReason) {
     EXPECT_TRUE(m_Model.SetLink(link));
 }
 
+TEST_F(WatchModelTest, AsksAboutTheChosen) {
+    EXPECT_FALSE(m_Model.Asked());
+    m_Model.AskLogout();
+    EXPECT_FALSE(m_Model.Asked());
+    UpdateKeys({7, 8});
+    m_Model.Move(1);
+    m_Model.AskLogout();
+    ExpectAsked(8);
+    m_Model.EndQuestion();
+    EXPECT_FALSE(m_Model.Asked());
+}
+
+TEST_F(WatchModelTest, QuestionStaysWhileTheSenderIsTheSame) {
+    const std::string before = Record(7, "Ada");
+    Update({Sender(6), Decode(before)});
+    m_Model.Move(1);
+    m_Model.AskLogout();
+    // Status, position and the three types.
+    for (const size_t place : {57, 58, 60, 62, 64}) {
+        std::string after = before;
+        after[place] = static_cast<char>(after[place] + 1);
+        Update({Decode(after), Sender(9)});
+        ExpectAsked(7);
+    }
+    LinkState link;
+    link.connected = true;
+    m_Model.SetLink(link);
+    ExpectAsked(7);
+}
+
+TEST_F(WatchModelTest, QuestionEndsWhenTheSenderLeaves) {
+    UpdateKeys({7, 8});
+    m_Model.AskLogout();
+    UpdateKeys({8});
+    EXPECT_FALSE(m_Model.Asked());
+    UpdateKeys({7, 8});
+    EXPECT_FALSE(m_Model.Asked());
+}
+
+TEST_F(WatchModelTest, QuestionEndsWhenTheKeyIsSomeoneElses) {
+    const std::string before = Record(7, "Ada");
+    // Address and name.
+    for (const size_t place : {7, 9}) {
+        std::string after = before;
+        after[place] = static_cast<char>(after[place] + 1);
+        Update({Decode(before)});
+        m_Model.AskLogout();
+        ExpectAsked(7);
+        Update({Decode(after)});
+        EXPECT_FALSE(m_Model.Asked()) << place;
+    }
+}
+
+TEST_F(WatchModelTest, QuestionEndsWithTheLink) {
+    LinkState link;
+    UpdateKeys({7});
+    // The second loss is no news.
+    for (int i = 0; i < 2; ++i) {
+        m_Model.AskLogout();
+        ExpectAsked(7);
+        m_Model.SetLink(link);
+        EXPECT_FALSE(m_Model.Asked());
+    }
+}
+
+TEST_F(WatchModelTest, ListIsNotCurrentFromALostLinkToTheNextList) {
+    EXPECT_FALSE(m_Model.IsListCurrent());
+    UpdateKeys({});
+    EXPECT_TRUE(m_Model.IsListCurrent());
+    LinkState link;
+    m_Model.SetLink(link);
+    EXPECT_FALSE(m_Model.IsListCurrent());
+    link.connected = true;
+    m_Model.SetLink(link);
+    EXPECT_FALSE(m_Model.IsListCurrent());
+    UpdateKeys({});
+    EXPECT_TRUE(m_Model.IsListCurrent());
+}
+
+TEST(RetryPauseTest, GrowsToTenSecondsUntilItIsReset) {
+    RetryPause pause;
+    for (int round = 0; round < 2; ++round) {
+        for (const int expected : {500, 1000, 2000, 4000, 8000, 10000, 10000, 10000})
+            EXPECT_EQ(milliseconds(expected), pause.Next());
+        pause.Reset();
+    }
+}
+
 // ----------------------------------------------------------------------------------------- pipe
 
 class WatchPipeTest : public ReceiverFixture {
@@ -313,6 +410,118 @@ TEST_F(WatchPipeTest, ListIsReadAtTheInterval) {
     EXPECT_TRUE(WaitFor([&] { return m_pReceiver->FramesReceived(kGetSenderList) >= 4; }));
     ExpectEnd(SIGTERM);
     EXPECT_EQ("", m_pProgram->Out());
+}
+
+TEST_F(WatchPipeTest, ChangeDuringAListIsInTheNextOne) {
+    WatchServed();
+    simulator::Fault fault;
+    fault.kind = simulator::FaultKind::Delay;
+    fault.command = kGetSenderList;
+    fault.count = 1;
+    ASSERT_TRUE(m_pReceiver->FaultOn(fault));
+    const uint64_t before = m_pReceiver->FramesReceived(kGetSenderList);
+    m_pReceiver->AddSender(MakeSender(7, "Ada"));
+    ASSERT_TRUE(WaitFor([&] { return m_pReceiver->FramesReceived(kGetSenderList) > before; }));
+    m_pReceiver->AddSender(MakeSender(8, "Grace"));
+    ExpectNotification(1, 7, 1);
+    ExpectNotification(1, 8, 1);
+    EXPECT_EQ(7, Next("joined")["key"]);
+    EXPECT_EQ(8, Next("joined")["key"]);
+}
+
+TEST_F(WatchPipeTest, ManyNotificationsAreFewLists) {
+    WatchServed();
+    simulator::Fault fault;
+    fault.kind = simulator::FaultKind::Flood;
+    fault.rate = 2000;
+    ASSERT_TRUE(m_pReceiver->FaultOn(fault));
+    const auto begin = std::chrono::steady_clock::now();
+    const uint64_t before = m_pReceiver->FramesReceived(kGetSenderList);
+    ASSERT_TRUE(WaitFor([&] {
+        m_pProgram->Out();
+        return m_pReceiver->FramesReceived(kGetSenderList) >= before + 20;
+    }));
+    // 20 lists have 19 gaps; the first may have been asked for before the beginning.
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 18 * milliseconds(50));
+}
+
+/// Until its output is read, the program takes what comes, up to a bound, and asks for nothing.
+class WatchUnreadTest : public WatchPipeTest {
+protected:
+    static constexpr int kMaxWaiting = 100000;
+    // More lines than a pipe holds.
+    static constexpr int kFull = 3000;
+
+    void Notify(int count) {
+        for (int i = 0; i < count; ++i)
+            m_pReceiver->Notify(1, i, 0);
+    }
+
+    uint64_t Lists() const { return m_pReceiver->FramesReceived(kGetSenderList); }
+
+    /// No list is asked for any more, though it is time again and again.
+    bool StandsStill() const {
+        uint64_t lists = 0;
+        auto since = std::chrono::steady_clock::now();
+        return WaitFor([&] {
+            const auto now = std::chrono::steady_clock::now();
+            if (lists != Lists()) {
+                lists = Lists();
+                since = now;
+            }
+            return now - since >= sr_test::Stretched(milliseconds(1000));
+        });
+    }
+
+    /// Nothing is under way from the receiver to its clients.
+    bool AllHasArrived() const {
+        in_addr address = {};
+        inet_pton(AF_INET, Host().c_str(), &address);
+        std::array<char, 16> receiver = {};
+        std::snprintf(receiver.data(), receiver.size(), "%08X:4E1C", address.s_addr);
+        std::ifstream file("/proc/net/tcp");
+        for (std::string line; std::getline(file, line);) {
+            if (line.find(receiver.data()) != std::string::npos &&
+                line.find(" 01 00000000:00000000 ") == std::string::npos &&
+                line.find(" 0A ") == std::string::npos)
+                return false;
+        }
+        return true;
+    }
+};
+
+TEST_F(WatchUnreadTest, NoListIsReadMeanwhile) {
+    WatchServed({"--every", "0.1"});
+    Notify(kFull);
+    ASSERT_TRUE(StandsStill());
+    const uint64_t before = Lists();
+    EXPECT_TRUE(WaitFor([&] {
+        m_pProgram->Out();
+        return Lists() > before;
+    }));
+}
+
+TEST_F(WatchUnreadTest, NotificationsPastABoundAreCounted) {
+    constexpr int kSent = kFull + kMaxWaiting + 1000;
+    WatchServed({"--every", "0.1"});
+    Notify(kFull);
+    ASSERT_TRUE(StandsStill());
+    Notify(kSent - kFull);
+    ASSERT_TRUE(WaitFor([&] { return AllHasArrived(); }, milliseconds(60000)));
+    m_pReceiver->AddSender(MakeSender(7, "Ada"));
+    ASSERT_TRUE(WaitFor([&] { return m_pProgram->Out().find("\"joined\"") != std::string::npos; },
+                        milliseconds(60000)));
+    size_t kept = 0;
+    ordered_json lost;
+    for (const std::string& line : Lines(m_pProgram->Out())) {
+        if (line.find("\"notification\"") != std::string::npos)
+            ++kept;
+        if (line.find("\"lost\"") != std::string::npos)
+            lost = Parse(line);
+    }
+    EXPECT_EQ("version type time count ", KeysOf(lost));
+    EXPECT_GT(lost["count"], 0u);
+    EXPECT_EQ(kSent + 1u, kept + lost["count"].get<size_t>());
 }
 
 TEST_F(WatchPipeTest, SurvivesARestartOfTheReceiver) {
@@ -481,7 +690,7 @@ protected:
     void RunThere(const std::string& arguments, const std::string& environment = "") {
         const std::string script = m_strFolder + "/script";
         std::ofstream(script)
-            << "trap : INT\n"
+            << "trap : INT QUIT\n"
             << "echo before\n"
             << "settings=$(stty -g)\n"
             << "sh -c 'echo $$ >" << m_strFolder << "/pid; exec \"$0\" \"$@\"' env " << environment
@@ -502,6 +711,25 @@ protected:
         m_pReceiver->AddSender(MakeSender(2, "Grace"));
         Watch();
         ASSERT_TRUE(Shows("> .*1  Ada "));
+    }
+
+    void Delay(int command, milliseconds time) {
+        simulator::Fault fault;
+        fault.kind = simulator::FaultKind::Delay;
+        fault.command = command;
+        fault.time = time;
+        ASSERT_TRUE(m_pReceiver->FaultOn(fault));
+    }
+
+    uint64_t Received(int command) const {
+        return m_pReceiver->FramesReceived(static_cast<uint8_t>(command));
+    }
+
+    /// Ends the program, which shows senders, with a signal.
+    void ExpectRestoredBy(int signal) {
+        ASSERT_GT(Pid(), 0);
+        kill(Pid(), signal);
+        ExpectRestored();
     }
 
     std::string Screen() { return Capture(m_strTmux + "capture-pane -p"); }
@@ -599,17 +827,71 @@ TEST_F(WatchTerminalTest, KeysPlayAndStopTheChosen) {
 
 TEST_F(WatchTerminalTest, LogoutAsksFirst) {
     WatchServed();
-    Press("l");
-    ASSERT_TRUE(Shows("log out 1 Ada\\? \\(y/n\\)"));
-    Press("n");
-    ASSERT_TRUE(Shows("log out 1: not done"));
-    EXPECT_EQ(2u, m_pReceiver->Senders().size());
+    for (const char* key : {"n", "x", "Y", "Enter", "l"}) {
+        Press("l");
+        ASSERT_TRUE(Shows("log out 1 Ada\\? \\(y/n\\)"));
+        Press(key);
+        ASSERT_TRUE(Shows("log out 1: not done")) << key;
+    }
+    EXPECT_EQ(0u, Received(kForceLogout));
     Press("l");
     ASSERT_TRUE(Shows("log out 1 Ada\\? \\(y/n\\)"));
     Press("y");
     EXPECT_TRUE(WaitFor([&] { return m_pReceiver->Senders().size() == 1; }));
     EXPECT_TRUE(Shows("log out 1: done"));
     EXPECT_TRUE(Shows("left: 1 Ada"));
+}
+
+TEST_F(WatchTerminalTest, YesIsOnlyForTheSenderThatWasShown) {
+    WatchServed();
+    Press("l");
+    ASSERT_TRUE(Shows("log out 1 Ada\\? \\(y/n\\)"));
+    m_pReceiver->Stop();
+    ASSERT_TRUE(Shows("log out 1: not done, the sender or the link has changed"));
+    m_pReceiver->ChangeSender(1, [](simulator::Sender& sender) { sender.userName = "Victim"; });
+    ASSERT_FALSE(m_pReceiver->Start());
+    ASSERT_TRUE(Shows("^>   1  Victim "));
+    Press("y");
+    Press("j");
+    EXPECT_TRUE(Shows("^>   2  Grace "));
+    Press("l");
+    ASSERT_TRUE(Shows("log out 2 Grace\\? \\(y/n\\)"));
+    m_pReceiver->ChangeSender(2, [](simulator::Sender& sender) { sender.userName = "Victim"; });
+    ASSERT_TRUE(Shows("log out 2: not done, the sender or the link has changed"));
+    Press("y");
+    Press("k");
+    EXPECT_TRUE(Shows("^>   1  Victim "));
+    EXPECT_EQ(0u, Received(kForceLogout));
+}
+
+TEST_F(WatchTerminalTest, QuestionStaysInSight) {
+    WatchServed();
+    Delay(kStartPlay, milliseconds(1500));
+    Press("p");
+    ASSERT_TRUE(WaitFor([&] { return Received(kStartPlay) == 1; }));
+    Press("l");
+    // The list after the answer.
+    ASSERT_TRUE(Shows("^>   1  Ada .* 2 +0$"));
+    EXPECT_TRUE(Has(Screen(), "log out 1 Ada\\? \\(y/n\\)"));
+    EXPECT_FALSE(Has(Screen(), "play 1: done"));
+}
+
+TEST_F(WatchTerminalTest, NamesAreSafeInTheLogAndInTheQuestion) {
+    Serve();
+    Watch();
+    ASSERT_TRUE(Shows("^-- 0 senders --"));
+    m_pReceiver->AddSender(MakeSender(5, "a\x1B[2Jb"));
+    EXPECT_TRUE(Shows("joined: 5 a.x1B\\[2Jb$"));
+    m_pReceiver->ChangeSender(5, [](simulator::Sender& sender) {
+        sender.userName =
+            "\x9B"
+            "31m";
+    });
+    EXPECT_TRUE(Shows("changed: 5 .x9B31m$"));
+    Press("l");
+    EXPECT_TRUE(Shows("log out 5 .x9B31m\\? \\(y/n\\)"));
+    m_pReceiver->RemoveSender(5);
+    EXPECT_TRUE(Shows("left: 5 .x9B31m$"));
 }
 
 TEST_F(WatchTerminalTest, ArrowsChooseAndTheChoiceIsKeptByItsKey) {
@@ -641,6 +923,68 @@ TEST_F(WatchTerminalTest, RefreshReadsTheListAtOnce) {
     const uint64_t before = m_pReceiver->FramesReceived(kGetSenderList);
     Press("r");
     EXPECT_TRUE(WaitFor([&] { return m_pReceiver->FramesReceived(kGetSenderList) > before; }));
+}
+
+TEST_F(WatchTerminalTest, RefreshConnectsAtOnce) {
+    Serve();
+    simulator::Fault fault;
+    fault.kind = simulator::FaultKind::CloseOnAccept;
+    ASSERT_TRUE(m_pReceiver->FaultOn(fault));
+    Watch();
+    ASSERT_TRUE(Shows("next try in"));
+    // By itself it would take more than two minutes.
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            Press("r");
+            return m_pReceiver->GetStatistics().clients >= 15;
+        },
+        milliseconds(30000)));
+}
+
+TEST_F(WatchTerminalTest, OrderIsNotKeptForTheNextConnection) {
+    WatchServed();
+    Delay(kStartPlay, milliseconds(60000));
+    Press("p");
+    ASSERT_TRUE(WaitFor([&] { return Received(kStartPlay) == 1; }));
+    Press("s");
+    Press("j");
+    ASSERT_TRUE(Shows("^>   2  Grace "));
+    m_pReceiver->DropClients();
+    EXPECT_TRUE(Shows("stop 1: failed, -"));
+    ASSERT_TRUE(Shows(": connected "));
+    const uint64_t before = Received(kGetSenderList);
+    Press("r");
+    // The second one would come behind the order.
+    ASSERT_TRUE(WaitFor([&] { return Received(kGetSenderList) > before; }));
+    Press("r");
+    ASSERT_TRUE(WaitFor([&] { return Received(kGetSenderList) > before + 1; }));
+    EXPECT_EQ(0u, Received(kStopPlay));
+}
+
+TEST_F(WatchTerminalTest, NothingIsDoneBeforeTheListOfTheNextConnection) {
+    WatchServed();
+    Delay(kGetSenderList, milliseconds(60000));
+    m_pReceiver->DropClients();
+    ASSERT_TRUE(WaitFor([&] { return m_pReceiver->GetStatistics().clients == 2; }));
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            Press("p");
+            return Has(Screen(), "play: the list has not come yet");
+        },
+        milliseconds(20000)));
+    EXPECT_EQ(0u, Received(kStartPlay));
+}
+
+TEST_F(WatchTerminalTest, LastAnswerIsNotTheLastDrawing) {
+    WatchServed();
+    const std::string title = Lines(Screen())[0];
+    ASSERT_THAT(title, HasSubstr("last answer"));
+    const auto begin = std::chrono::system_clock::now();
+    ASSERT_TRUE(
+        WaitFor([&] { return std::chrono::system_clock::now() - begin > milliseconds(1500); }));
+    Press("j");
+    ASSERT_TRUE(Shows("^>   2  Grace "));
+    EXPECT_EQ(title, Lines(Screen())[0]);
 }
 
 TEST_F(WatchTerminalTest, SurvivesARestartOfTheReceiver) {
@@ -732,11 +1076,28 @@ TEST_F(WatchTerminalTest, CtrlCRestoresTheTerminal) {
     ExpectRestored();
 }
 
+TEST_F(WatchTerminalTest, CtrlBackslashRestoresTheTerminal) {
+    WatchServed();
+    Press("'C-\\'");
+    ExpectRestored();
+}
+
 TEST_F(WatchTerminalTest, TerminationRestoresTheTerminal) {
     WatchServed();
-    ASSERT_GT(Pid(), 0);
-    kill(Pid(), SIGTERM);
-    ExpectRestored();
+    ExpectRestoredBy(SIGTERM);
+}
+
+TEST_F(WatchTerminalTest, HangUpRestoresTheTerminal) {
+    WatchServed();
+    ExpectRestoredBy(SIGHUP);
+}
+
+TEST_F(WatchTerminalTest, CtrlSStopsNothing) {
+    WatchServed();
+    Press("C-s");
+    m_pReceiver->AddSender(MakeSender(5, "Barbara"));
+    EXPECT_TRUE(Shows("^    5  Barbara "));
+    ExpectRestoredBy(SIGTERM);
 }
 
 TEST_F(WatchTerminalTest, EndsWithItsTerminal) {
@@ -763,6 +1124,12 @@ TEST_F(WatchTerminalTest, NameForAnAddressIsRefusedInTheOpen) {
 TEST_F(WatchTerminalTest, UnknownTerminalIsRefused) {
     RunThere(Host(), "TERM=nonsense");
     EXPECT_TRUE(Shows("The terminal type \"nonsense\" is not known"));
+    ExpectRestored(2);
+}
+
+TEST_F(WatchTerminalTest, TerminalWithoutAPlaceForTheCursorIsRefused) {
+    RunThere(Host(), "TERM=dumb");
+    EXPECT_TRUE(Shows("The terminal type \"dumb\" is not known or cannot fill a screen: "));
     ExpectRestored(2);
 }
 
