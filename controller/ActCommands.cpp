@@ -1,12 +1,15 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <cstdio>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "controller/Command.h"
 #include "controller/Text.h"
@@ -69,7 +72,7 @@ void AddModeratorGet(CLI::App& moderator, const Common& common, Run& run) {
                 if (common.json)
                     PrintJson({{"id", info.nModeratorId}, {"flag", info.byModeratorFlag}});
                 else
-                    fmt::print("id {} flag {}\n", info.nModeratorId, info.byModeratorFlag);
+                    Print(fmt::format("id {} flag {}\n", info.nModeratorId, info.byModeratorFlag));
                 return failure;
             });
         };
@@ -89,13 +92,42 @@ void AddModeratorSet(CLI::App& moderator, const Common& common, Run& run) {
         ->transform(Number(0, 255));
 }
 
-Result KeepAlive(Receiver& receiver, const Common& common, const Arguments& arguments) {
+/// Becomes known at once, not only with the next request.
+class LinkEnd {
+public:
+    Receiver::Listener Listener() {
+        return [this](const int* values) {
+            if (values != nullptr)
+                return;
+            const std::lock_guard<std::mutex> lock(m_Mutex);
+            m_bEnded = true;
+            m_Changed.notify_one();
+        };
+    }
+
+    void WaitFor(std::chrono::milliseconds time) {
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        m_Changed.wait_for(lock, time, [this] { return m_bEnded; });
+    }
+
+private:
+    std::mutex m_Mutex;
+    std::condition_variable m_Changed;
+    bool m_bEnded = false;
+};
+
+Result KeepAlive(Receiver& receiver,
+                 const Common& common,
+                 const Arguments& arguments,
+                 LinkEnd& linkEnd) {
     for (int64_t done = 0; arguments.count == 0 || done < arguments.count; ++done) {
         if (done > 0)
-            std::this_thread::sleep_for(Milliseconds(arguments.every));
+            linkEnd.WaitFor(Milliseconds(arguments.every));
         if (Result failure = receiver.KeepAlive())
             return failure;
         PrintDone(common);
+        if (std::ferror(stdout))
+            break;
         EndBySignalWithSuccess();
     }
     return std::nullopt;
@@ -154,9 +186,13 @@ void AddKeepAlive(CLI::App& app, const Common& common, Run& run) {
         ->transform(Number(1, std::numeric_limits<int64_t>::max()));
     command->callback([&common, &run, arguments] {
         run = [&common, arguments] {
-            return WithReceiver(common, [&](Receiver& receiver) {
-                return KeepAlive(receiver, common, *arguments);
-            });
+            LinkEnd linkEnd;
+            return WithReceiver(
+                common,
+                [&](Receiver& receiver) {
+                    return KeepAlive(receiver, common, *arguments, linkEnd);
+                },
+                linkEnd.Listener());
         };
     });
 }

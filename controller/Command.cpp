@@ -46,12 +46,20 @@ std::chrono::milliseconds Milliseconds(double seconds) {
 }
 
 void EndBySignalWithSuccess() {
-    for (const int number : {SIGINT, SIGTERM})
-        std::signal(number, [](int) { _exit(static_cast<int>(Exit::Done)); });
+    for (const int number : {SIGINT, SIGTERM}) {
+        struct sigaction before = {};
+        sigaction(number, nullptr, &before);
+        if (before.sa_handler != SIG_IGN)
+            std::signal(number, [](int) { _exit(static_cast<int>(Exit::Done)); });
+    }
 }
 
-int WithReceiver(const Common& common, const std::function<Receiver::Result(Receiver&)>& act) {
+int WithReceiver(const Common& common,
+                 const std::function<Receiver::Result(Receiver&)>& act,
+                 const Receiver::Listener& listener) {
     Receiver receiver(common.host, common.trace);
+    if (listener)
+        receiver.Listen(listener);
     Receiver::Result failure = receiver.Connect(Milliseconds(common.wait));
     if (!failure)
         failure = act(receiver);

@@ -3,11 +3,14 @@
 
 #include <CLI/App.hpp>
 #include <CLI/Option.hpp>
+#include <CLI/StringTools.hpp>
 #include <CLI/Validators.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "controller/Receiver.h"
 
@@ -28,14 +31,25 @@ using Run = std::function<int()>;
 CLI::Validator Number(int64_t least, int64_t most);
 /// For Option::check: seconds, up to a day. CLI11's range lets "nan" pass.
 CLI::Validator Seconds(double least);
+/// For Option::check: one of these names. CLI11's check tells what is wrong in its own terms.
+inline CLI::Validator OneOf(const std::vector<std::string>& names) {
+    const auto check = [names](const std::string& text) {
+        return std::find(names.begin(), names.end(), text) != names.end()
+                   ? ""
+                   : "expected one of " + CLI::detail::join(names, ", ");
+    };
+    return CLI::Validator(check, "{" + CLI::detail::join(names, ",") + "}");
+}
 std::chrono::milliseconds Milliseconds(double seconds);
 
 /// From now on Ctrl-C and SIGTERM end the program with Exit::Done: for a command that goes on until
-/// then, and whose work has been done.
+/// then, and whose work has been done. A signal that was ignored at the start stays so.
 void EndBySignalWithSuccess();
 
-/// Connects, does it and reports what fails; gives the exit code.
-int WithReceiver(const Common& common, const std::function<Receiver::Result(Receiver&)>& act);
+/// Connects, does it and reports what fails; gives the exit code. The listener may be empty.
+int WithReceiver(const Common& common,
+                 const std::function<Receiver::Result(Receiver&)>& act,
+                 const Receiver::Listener& listener = {});
 
 // Each adds a subcommand with its options to the tree. When that is chosen, `run` is set. `common`
 // and `run` outlive the tree.

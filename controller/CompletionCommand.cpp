@@ -39,12 +39,10 @@ std::vector<std::string> Names(const CLI::Option& option) {
     return names;
 }
 
-/// What may be given, when the help lists it: "TEXT:{table,json,csv}", "ENUM:table|json|csv".
+/// What may be given, when the help lists it: "TEXT:{table,json,csv}".
 std::vector<std::string> Choices(const CLI::Option& option) {
     const std::string type = option.get_type_name();
     const std::string list = type.substr(std::min(type.find(':'), type.size() - 1) + 1);
-    if (list.find('|') != std::string::npos)
-        return CLI::detail::split(list, '|');
     if (list.size() > 2 && list.front() == '{' && list.back() == '}')
         return CLI::detail::split(list.substr(1, list.size() - 2), ',');
     return {};
@@ -279,6 +277,9 @@ std::string ZshValue(const CLI::Option& option) {
         action = "(" + CLI::detail::join(choices, " ") + ")";
     else if (IsFile(option))
         action = "_files";
+    else if (option.get_positional())
+        // Or its description would keep an option that is begun from being completed.
+        action = fmt::format("_guard \"^-*\" {}", ValueName(option));
     return fmt::format(":{}:{}", Escaped(ValueName(option), R"(\:)"), action);
 }
 
@@ -320,8 +321,9 @@ std::string ZshFunction(const Place& place) {
     for (const CLI::Option* argument : place.arguments)
         lines.push_back(ShellWord(ZshValue(*argument)));
     if (!place.subcommands.empty()) {
-        lines.push_back("': :->subcommand'");
-        lines.push_back("'*:: :->arguments'");
+        // Options that follow the subcommand are completed behind it.
+        lines.push_back("'(-): :->subcommand'");
+        lines.push_back("'(-)*:: :->arguments'");
     }
     std::string text =
         fmt::format(R"({0}() {{
@@ -454,7 +456,7 @@ void AddCompletion(CLI::App& app, const Common& /*common*/, Run& run) {
     command->add_option("shell", *shell, "the shell that is to complete")
         ->required()
         ->type_name("SHELL")
-        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+        ->check(OneOf({"bash", "zsh", "fish"}));
     command->callback([&app, &run, shell] {
         run = [&app, shell] {
             const std::string script = *shell == "bash"  ? Bash(app)

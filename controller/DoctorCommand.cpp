@@ -6,11 +6,13 @@
  * | 10 | the host refused the port                                                  |
  * | 11 | the host is silent: no answer to the connection in 3 s                     |
  * | 12 | the network failed in another way, e.g. there is no route                  |
- * | 13 | connected, but the first request was not answered in time                  |
+ * | 13 | connected, but neither of two requests was answered in time                |
  * | 14 | the link was closed before the first answer was whole: it may be no        |
  * |    | receiver                                                                   |
- * | 15 | one of the three lists failed                                              |
- * | 16 | the moderator failed                                                       |
+ * | 15 | the list of all senders failed                                             |
+ * | 16 | the list of the non-local ones failed                                      |
+ * | 17 | the list of the valid ones failed                                          |
+ * | 18 | the moderator failed                                                       |
  */
 #include <fmt/format.h>
 
@@ -39,17 +41,21 @@ constexpr int kSilent = 11;
 constexpr int kNetwork = 12;
 constexpr int kNoAnswer = 13;
 constexpr int kNoReceiver = 14;
-constexpr int kList = 15;
-constexpr int kModerator = 16;
+constexpr int kListAll = 15;
+constexpr int kListNonLocal = 16;
+constexpr int kListValid = 17;
+constexpr int kModerator = 18;
 
 constexpr const char* kFooter =
     R"(--wait does not apply: doctor looks once. The first request is the one for the moderator,
-whose answer is short.
+whose answer is short; when that fails, a list is asked for on a new connection, since a receiver
+may fail with one of them only.
 
 Exit code: 0 all is well; 2 the address has not the right form, or another wrong usage; 10 the
 port is refused; 11 the host is silent, no answer to the connection in 3 s; 12 another failure of
 the network; 13 connected, but no answer in time; 14 the link was closed before the first answer
-was whole, perhaps by something that is no receiver; 15 a list failed; 16 the moderator failed.)";
+was whole, perhaps by something that is no receiver; 15 list-all failed; 16 list-nonlocal failed;
+17 list-valid failed; 18 the moderator failed.)";
 
 /// What went wrong, its exit code as doctor's.
 Failure With(Failure failure, int exit) {
@@ -98,31 +104,42 @@ Receiver::Result CheckAddress(const std::string& host) {
     return Receiver(host, Trace()).Connect();  // has the sentence, and tries nothing
 }
 
-Step ListStep(const char* name, Receiver& receiver, Which which) {
-    return {name,
-            [&receiver, which] {
-                std::vector<ScreenSenderInfo> senders;
-                return receiver.List(which, senders);
-            },
-            [](const Failure& failure) { return With(failure, kList); }};
+Receiver::Result AskModerator(Receiver& receiver) {
+    ScreenReceiverStub::ModeratorInfo info = {};
+    return receiver.GetModerator(info);
+}
+
+Receiver::Result AskList(Receiver& receiver, Which which) {
+    std::vector<ScreenSenderInfo> senders;
+    return receiver.List(which, senders);
+}
+
+/// One answer is enough. What follows tells which requests fail.
+Receiver::Result AwaitFirstAnswer(Receiver& receiver) {
+    Receiver::Result failure = AskModerator(receiver);
+    if (failure && !receiver.Connect() && !AskList(receiver, Which::All))
+        failure.reset();
+    return failure;
+}
+
+Step ListStep(const char* name, Receiver& receiver, Which which, int exit) {
+    return {name, [&receiver, which] { return AskList(receiver, which); },
+            [exit](const Failure& failure) { return With(failure, exit); }};
 }
 
 std::vector<Step> StepsFor(Receiver& receiver) {
-    const auto moderator = [&receiver] {
-        ScreenReceiverStub::ModeratorInfo info = {};
-        return receiver.GetModerator(info);
-    };
     return {
         {"address", [&receiver] { return CheckAddress(receiver.Host()); },
          [](const Failure& failure) { return failure; }},
         {"connect", [&receiver] { return receiver.Connect(); },
          [&receiver](const Failure& failure) { return OfConnect(failure, receiver.Host()); }},
-        {"first-answer", moderator,
+        {"first-answer", [&receiver] { return AwaitFirstAnswer(receiver); },
          [&receiver](const Failure& failure) { return OfFirstAnswer(failure, receiver.Host()); }},
-        ListStep("list-all", receiver, Which::All),
-        ListStep("list-nonlocal", receiver, Which::NonLocal),
-        ListStep("list-valid", receiver, Which::Valid),
-        {"moderator", moderator, [](const Failure& failure) { return With(failure, kModerator); }},
+        ListStep("list-all", receiver, Which::All, kListAll),
+        ListStep("list-nonlocal", receiver, Which::NonLocal, kListNonLocal),
+        ListStep("list-valid", receiver, Which::Valid, kListValid),
+        {"moderator", [&receiver] { return AskModerator(receiver); },
+         [](const Failure& failure) { return With(failure, kModerator); }},
     };
 }
 
@@ -136,7 +153,7 @@ void PrintStep(const char* name, double ms, const Receiver::Result& failure, boo
                    {"advice", failure ? failure->sentence : ""}});
         return;
     }
-    fmt::print("{:<13}  {:<6}  {:>9.1f} ms\n", name, failure ? "failed" : "ok", ms);
+    Print(fmt::format("{:<13}  {:<6}  {:>9.1f} ms\n", name, failure ? "failed" : "ok", ms));
     std::fflush(stdout);
 }
 

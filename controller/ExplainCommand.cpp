@@ -20,8 +20,9 @@ int PrintMeaning(int code, bool json) {
                    {"meaning", meaning.meaning},
                    {"advice", meaning.advice}});
     } else {
-        fmt::print("{}{}{}\n", code, meaning.message.empty() ? "" : ": ", meaning.message);
-        fmt::print("Meaning: {}\nAdvice: {}\n", meaning.meaning, meaning.advice);
+        Print(fmt::format("{}{}{}\nMeaning: {}\nAdvice: {}\n", code,
+                          meaning.message.empty() ? "" : ": ", meaning.message, meaning.meaning,
+                          meaning.advice));
     }
     return static_cast<int>(Exit::Done);
 }

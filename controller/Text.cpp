@@ -34,11 +34,23 @@ struct Character {
     bool shown;   // by a terminal, as it is
 };
 
-// They change how the rest of a line is shown, and the terminal takes them for printable.
+struct Range {
+    wchar_t first;
+    wchar_t last;
+};
+
+// The terminal takes them for printable, though they show nothing, so that two names look the same,
+// or change how the rest of a line is shown.
+constexpr std::array kInvisible = {
+    Range{0x00AD, 0x00AD}, Range{0x034F, 0x034F}, Range{0x061C, 0x061C},  Range{0x115F, 0x1160},
+    Range{0x17B4, 0x17B5}, Range{0x180E, 0x180E}, Range{0x200B, 0x200C},  Range{0x200E, 0x200F},
+    Range{0x2028, 0x202E}, Range{0x2060, 0x206F}, Range{0x3164, 0x3164},  Range{0xFEFF, 0xFEFF},
+    Range{0xFFA0, 0xFFA0}, Range{0xFFF9, 0xFFFB}, Range{0xE0000, 0xE007F}};
+
 bool IsInvisible(wchar_t code) {
-    return code == 0x061C || (code >= 0x200B && code <= 0x200F && code != 0x200D) ||
-           (code >= 0x2028 && code <= 0x202E) || (code >= 0x2060 && code <= 0x206F) ||
-           code == 0xFEFF;
+    return std::any_of(kInvisible.begin(), kInvisible.end(), [code](const Range& range) {
+        return code >= range.first && code <= range.last;
+    });
 }
 
 Character FirstOf(std::string_view text) {
@@ -112,7 +124,7 @@ void PrintTable(const std::vector<ScreenSenderInfo>& senders, size_t columns) {
         for (size_t i = 0; i < widths.size(); ++i)
             line += (i == 0 ? "" : std::string(kGap, ' ')) + Fit(row[i], widths[i]);
         line.erase(line.find_last_not_of(' ') + 1);
-        fmt::print("{}\n", columns == 0 ? line : std::string(Beginning(line, columns)));
+        Print(fmt::format("{}\n", columns == 0 ? line : Beginning(line, columns)));
     }
 }
 
@@ -127,12 +139,13 @@ std::string Quoted(const std::string& value) {
 
 // RFC 4180.
 void PrintCsv(const std::vector<ScreenSenderInfo>& senders) {
-    fmt::print("key,name,address,status,position,os,app,pointer\r\n");
+    Print("key,name,address,status,position,os,app,pointer\r\n");
     for (const ScreenSenderInfo& sender : senders)
-        fmt::print("{},{},{},{},{},{},{},{}\r\n", sender.GetPrimaryKey(),
-                   Quoted(Printable(sender.GetUserName())), DottedAddress(sender.GetIpAddress()),
-                   sender.GetStatus(), sender.GetSplitScreen(), sender.GetOSType(),
-                   sender.GetAppType(), sender.GetPointInputType());
+        Print(fmt::format("{},{},{},{},{},{},{},{}\r\n", sender.GetPrimaryKey(),
+                          Quoted(Printable(sender.GetUserName())),
+                          DottedAddress(sender.GetIpAddress()), sender.GetStatus(),
+                          sender.GetSplitScreen(), sender.GetOSType(), sender.GetAppType(),
+                          sender.GetPointInputType()));
 }
 
 }  // namespace
@@ -208,10 +221,14 @@ std::string ToLine(const Json& members) {
     return members.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+void Print(const std::string& text) {
+    std::fputs(text.c_str(), stdout);
+}
+
 void PrintJson(const Json& members) {
     Json line = {{"version", 1}};
     line.update(members);
-    fmt::print("{}\n", ToLine(line));
+    Print(ToLine(line) + "\n");
     std::fflush(stdout);
 }
 

@@ -33,6 +33,9 @@ Json ToJson(const ScreenSenderInfo& sender);
 /// One line, without its end. What is not UTF-8 is replaced.
 std::string ToLine(const Json& members);
 
+/// On standard output. Where that takes no more, std::ferror() tells, and nothing throws.
+void Print(const std::string& text);
+
 /// One line on standard output, with "version": 1 in front; at once.
 void PrintJson(const Json& members);
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "controller/Command.h"
@@ -21,6 +22,8 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds kPollEvery(500);
+// Between two looks, so that many notifications do not become as many requests.
+constexpr milliseconds kLookGap(50);
 constexpr int kMaxStatus = 65535;
 
 constexpr const char* kFooter =
@@ -126,8 +129,11 @@ public:
             const Receiver::Result failure = Look();
             if (!failure && Holds(m_Condition, m_vecStatuses))
                 return Succeed();
+            // A look may fail after many seconds; another one would take as long again.
+            if (failure && steady_clock::now() >= end)
+                return Report(*failure, m_Common.json);
             if (last)
-                return failure ? Report(*failure, m_Common.json) : TimeIsOver(timeout);
+                return TimeIsOver(timeout);
             Pause(end);
         }
     }
@@ -164,6 +170,7 @@ private:
     }
 
     void Pause(steady_clock::time_point end) {
+        std::this_thread::sleep_until(std::min(end, steady_clock::now() + kLookGap));
         std::unique_lock<std::mutex> lock(m_Mutex);
         m_Changed.wait_until(lock, std::min(end, steady_clock::now() + kPollEvery),
                              [this] { return m_bNotified; });

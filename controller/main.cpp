@@ -1,10 +1,11 @@
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <clocale>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
@@ -27,6 +28,11 @@ Examples:
   screenctl doctor 192.0.2.7                what is wrong between here and there
   screenctl watch                           live; waits for the receiver, too)";
 
+CLI::Validator NotEmpty() {
+    return CLI::Validator(
+        [](std::string& text) { return text.empty() ? "expected a name, found none" : ""; }, "");
+}
+
 void AddCommonOptions(CLI::App& app, Common& common) {
     app.add_option("--host", common.host, "the receiver's IPv4 address, dotted")
         ->type_name("ADDRESS")
@@ -38,7 +44,8 @@ void AddCommonOptions(CLI::App& app, Common& common) {
     app.add_flag("--json", common.json, "results and errors as JSON, an object a line");
     app.add_option("--trace", common.trace.file,
                    "appends what the library does to a file; -: standard error")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(NotEmpty());
     app.add_option("--trace-level", common.trace.level,
                    "300 errors, 600 also requests and answers, 700 everything")
         ->type_name("N")
@@ -76,6 +83,23 @@ void AddCommands(CLI::App& app, Common& common, Run& run) {
     }
 }
 
+std::string NamesOfOptions(const CLI::App& app) {
+    std::vector<std::string> names;
+    for (const CLI::Option* option : app.get_options()) {
+        if (!option->get_lnames().empty() && option != app.get_help_ptr())
+            names.push_back(option->get_name());
+    }
+    return CLI::detail::join(names, ", ");
+}
+
+/// Below the footer that each command's help has.
+void AddFooters(CLI::App& app, const std::string& text) {
+    for (CLI::App* command : app.get_subcommands({})) {
+        command->footer(command->get_footer() + "\n\n" + text);
+        AddFooters(*command, text);
+    }
+}
+
 /// CLI11 only tells that a command is missing, when there is a word that is none.
 std::string WhatIsWrong(const CLI::ParseError& error, const CLI::App& app) {
     const std::vector<std::string> rest = app.remaining(true);
@@ -100,7 +124,33 @@ int Finish(int exit, bool json) {
                   json);
 }
 
-int Main(int argc, char** argv) {
+/// An error comes before the options are taken, and they may stand behind it.
+bool WantsJson(int argc, char** argv) {
+    CLI::App app;
+    app.set_help_flag();
+    app.allow_extras();
+    bool json = false;
+    std::string format;
+    app.add_flag("--json", json);
+    app.add_option("--format", format)->expected(0, 1)->take_last();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError&) {
+        return true;  // what --json is given is no flag's value
+    }
+    return json || format == "json";
+}
+
+/// Else the first socket would get one of these numbers, and what is printed would be sent.
+void OpenClosedStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        // Printing to a closed standard output has to fail; an error is told nowhere.
+        if (fcntl(stream, F_GETFD) == -1)
+            open("/dev/null", stream == STDERR_FILENO ? O_WRONLY : O_RDONLY);
+    }
+}
+
+int Main(int argc, char** argv, bool json) {
     Common common;
     Run run;
     CLI::App app("Controls a screen receiver.", "screenctl");
@@ -109,29 +159,31 @@ int Main(int argc, char** argv) {
     app.fallthrough();
     AddCommonOptions(app, common);
     AddCommands(app, common, run);
-    // An error comes before the options are taken.
-    const bool json = std::any_of(argv, argv + argc, [](const char* argument) {
-        return std::strcmp(argument, "--json") == 0;
-    });
+    AddFooters(app, "Options of all commands: " + NamesOfOptions(app) + "; see screenctl --help.");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& help) {
-        return app.exit(help);
+        return Finish(app.exit(help), json);
     } catch (const CLI::ParseError& error) {
         return Misused(WhatIsWrong(error, app), json);
     }
-    return Finish(run(), common.json);
+    return Finish(run(), json);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    OpenClosedStreams();
     // Names are UTF-8, whatever the user's locale is.
     std::setlocale(LC_CTYPE, "C.UTF-8");
+    const bool json = WantsJson(argc, argv);
     try {
-        return Main(argc, argv);
+        return Main(argc, argv, json);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "screenctl: %s\n", error.what());
-        return static_cast<int>(Exit::WrongUsage);
+        return Report({Exit::WrongUsage, 0, "",
+                       fmt::format("The system did not let the program go on, {}: look at the "
+                                   "limits of this computer.",
+                                   error.what())},
+                      json);
     }
 }

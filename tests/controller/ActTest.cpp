@@ -147,6 +147,44 @@ TEST_F(ActTest, KeepAliveDoesNotWaitToBeEnded) {
     EXPECT_EQ(0, program.ExitCode());
 }
 
+TEST_F(ActTest, KeepAliveLeavesAnIgnoredSignalIgnored) {
+    Serve();
+    Screenctl program(With({"keepalive", "--every", "0.01"}), {}, {SIGINT});
+    EXPECT_TRUE(WaitFor([&] { return m_pReceiver->FramesReceived(kRefresh) >= 3; }));
+    program.Signal(SIGINT);
+    const uint64_t before = m_pReceiver->FramesReceived(kRefresh);
+    EXPECT_TRUE(WaitFor([&] { return m_pReceiver->FramesReceived(kRefresh) >= before + 3; }));
+    program.Signal(SIGTERM);
+    EXPECT_EQ(0, program.ExitCode());
+}
+
+TEST_F(ActTest, KeepAliveIsNotDoneBeforeTheFirstRefresh) {
+    Serve();
+    ASSERT_TRUE(m_pReceiver->FaultOn(simulator::Fault()));
+    Screenctl program(With({"keepalive"}));
+    EXPECT_TRUE(WaitFor([&] { return m_pReceiver->FramesReceived(kRefresh) == 1; }));
+    program.Signal(SIGTERM);
+    EXPECT_EQ(-1, program.ExitCode());
+}
+
+TEST_F(ActTest, KeepAliveEndsWithItsOutput) {
+    Serve();
+    Screenctl program(With({"keepalive", "--json", "--every", "0.05"}));
+    EXPECT_NE("", program.Line());
+    program.CloseOutput();
+    EXPECT_EQ(2, program.ExitCode());
+    EXPECT_EQ(2, Parse(program.Err())["error"]["exit"]);
+}
+
+TEST_F(ActTest, KeepAliveTellsALostLinkAtOnce) {
+    Serve();
+    Screenctl program(With({"keepalive", "--json", "--every", "86400"}));
+    EXPECT_NE("", program.Line());
+    m_pReceiver->DropClients();
+    EXPECT_EQ(3, program.ExitCode());
+    EXPECT_EQ(-6528002, Parse(program.Err())["error"]["code"]);
+}
+
 TEST_F(ActTest, KeepAliveEndsWithTheConnection) {
     Serve();
     Screenctl program(With({"keepalive", "--json", "--every", "0.05"}));

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -40,24 +41,6 @@ std::string Quoted(const std::string& word) {
     return quoted + "'";
 }
 
-struct ShellRun {
-    int exit = -1;
-    std::string output;  // both streams
-};
-
-ShellRun RunShell(const std::string& command) {
-    ShellRun run;
-    FILE* pipe = popen(("{ " + command + "; } 2>&1").c_str(), "r");
-    EXPECT_NE(nullptr, pipe);
-    if (pipe == nullptr)
-        return run;
-    char chunk[4096];
-    for (size_t size = 0; (size = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
-        run.output.append(chunk, size);
-    run.exit = pclose(pipe);
-    return run;
-}
-
 bool IsInstalled(const std::string& program) {
     return RunShell("command -v " + program).exit == 0;
 }
@@ -75,17 +58,14 @@ struct Help {
     std::vector<std::pair<std::string, Words>> choices;  // of an option
 };
 
-/// {"table", "json"} of "--format ENUM:table|json=table" and of "--format TEXT:{table,json}".
+/// {"table", "json"} of "--format TEXT:{table,json}=table".
 Words ChoicesIn(const std::string& line) {
     Words choices;
-    const size_t colon = line.find(':');
-    if (colon == std::string::npos || line.find_first_of("|{", colon) == std::string::npos)
+    const size_t brace = line.find(":{");
+    if (brace == std::string::npos)
         return choices;
-    std::string list = line.substr(colon + 1, line.find_first_of("= }", colon) - colon - 1);
-    std::replace_if(
-        list.begin(), list.end(), [](char c) { return c == '{' || c == ',' || c == '|'; }, ' ');
-    std::istringstream words(list);
-    for (std::string word; words >> word;)
+    std::istringstream words(line.substr(brace + 2, line.find('}', brace) - brace - 2));
+    for (std::string word; std::getline(words, word, ',');)
         choices.push_back(word);
     return choices;
 }
@@ -189,6 +169,34 @@ protected:
         Words offered = Lines(run.output);
         offered.erase(std::remove(offered.begin(), offered.end(), ""), offered.end());
         return offered;
+    }
+
+    /// What becomes of each line when the tabulator key is hit at its end, in a zsh with a terminal.
+    Words Zsh(const std::string& script, const Words& lines) const {
+        const std::string setUp = Write("set-up.zsh", R"(
+            autoload compinit; compinit -D -u; source )" + Quoted(script) +
+                                                          R"(
+            take() { print -r -- "$BUFFER" >> )" + Quoted(m_strFolder + "/taken") +
+                                                          R"(; BUFFER= }
+            zle -N take; bindkey '^T' take; bindkey '^I' expand-or-complete
+            touch )" + Quoted(m_strFolder + "/ready"));
+        std::string keys;
+        for (const std::string& line : lines)
+            keys += line + "\t\x14";
+        const std::string driver = Write("driver.zsh", R"(
+            zmodload zsh/zpty
+            await() { repeat 600; do eval "$1" && return; sleep 0.1; done }
+            zpty -b shell TERM=dumb zsh -f -i
+            zpty -w shell source )" + Quoted(setUp) + R"(
+            await '[[ -e )" + m_strFolder + R"(/ready ]]'
+            zpty -w -n shell ")" + keys + R"("
+            await '[[ $(cat )" + m_strFolder + "/taken 2>/dev/null | wc -l) -ge " +
+                                                           std::to_string(lines.size()) + R"( ]]'
+            zpty -d shell
+        )");
+        const ShellRun run = RunShell("zsh -f " + Quoted(driver));
+        EXPECT_EQ(0, run.exit) << run.output;
+        return Lines(ReadFile(m_strFolder + "/taken"));
     }
 
     /// What fish offers at the end of a line; only the words, unless descriptions are wanted.
@@ -311,6 +319,26 @@ TEST_F(CompletionTest, ZshScriptHasEveryCommandAndOption) {
         for (const std::string& sub : command.help.subcommands)
             EXPECT_THAT(function, HasSubstr("'" + sub + ":")) << name;
     }
+}
+
+TEST_F(CompletionTest, ZshCompletesAtEveryPlace) {
+    if (!IsInstalled("zsh"))
+        GTEST_SKIP() << "no zsh here";
+    EXPECT_THAT(
+        Zsh(Script("zsh"),
+            {"screenctl mod", "screenctl --hos", "screenctl --json li", "screenctl list --wh",
+             "screenctl list --json --wh", "screenctl list --json --which no",
+             "screenctl --json list --form", "screenctl moderator s",
+             "screenctl moderator --json g", "screenctl moderator --host 192.0.2.7 s",
+             "screenctl moderator get --js", "screenctl completion f",
+             "screenctl wait --until x --time", "screenctl play --json --op"}),
+        ElementsAre("screenctl moderator ", "screenctl --host=", "screenctl --json list ",
+                    "screenctl list --which=", "screenctl list --json --which=",
+                    "screenctl list --json --which nonlocal ",
+                    "screenctl --json list --format=", "screenctl moderator set ",
+                    "screenctl moderator --json get ", "screenctl moderator --host 192.0.2.7 set ",
+                    "screenctl moderator get --json ", "screenctl completion fish ",
+                    "screenctl wait --until x --timeout=", "screenctl play --json --option="));
 }
 
 TEST_F(CompletionTest, FishOffersEveryCommandAndOption) {
@@ -541,8 +569,151 @@ TEST(ScreenctlManPageTest, SynopsisHasEveryArgumentAndOption) {
 
 TEST(ScreenctlManPageTest, HasEveryExitCode) {
     const std::string section = Section(ReadFile(MAN_PAGE), ".Sh EXIT STATUS");
-    EXPECT_THAT(HeadingsIn(section, ".It"),
-                ElementsAre("0", "1", "2", "3", "4", "10", "11", "12", "13", "14", "15", "16"));
+    EXPECT_THAT(HeadingsIn(section, ".It"), ElementsAre("0", "1", "2", "3", "4", "10", "11", "12",
+                                                        "13", "14", "15", "16", "17", "18"));
+}
+
+// Help and JSON
+
+TEST(ScreenctlHelpTest, NamesTheCommonOptionsOfEveryCommand) {
+    const std::vector<Command> commands = Commands();
+    for (const Command& command : commands) {
+        if (command.path.empty())
+            continue;
+        const Ended help = RunScreenctl(Behind(command.path, {"--help"}));
+        const std::string last = Lines(help.out).back();
+        EXPECT_THAT(last, HasSubstr("screenctl --help")) << Path(command);
+        for (const std::string& option : commands.front().help.options) {
+            if (option != "-h" && option != "--help") {
+                EXPECT_THAT(last, ContainsRegex(option + "[,;]")) << Path(command);
+            }
+        }
+    }
+}
+
+using Keys = std::map<std::string, Names>;  // by command, "watch TYPE" or "error"
+
+/// The words of ".Li key , name :" or ".It Cm play , moderator set No a line" up to "No"; those
+/// between two commas are one.
+Words Items(const std::string& line) {
+    Words items = {""};
+    std::istringstream words(line);
+    for (std::string word; words >> word && word != "No";) {
+        if (word == ",")
+            items.emplace_back();
+        else if (word[0] != '.' && word != "Cm" && word != "Li" && word != ":")
+            items.back() += (items.back().empty() ? "" : " ") + word;
+    }
+    if (items.back().empty())
+        items.pop_back();
+    return items;
+}
+
+/// What the man page says, a sender's keys for a type of watch that has no others.
+Keys DocumentedKeys() {
+    Keys keys;
+    Words described;
+    for (const std::string& line : Lines(Section(ReadFile(MAN_PAGE), ".Sh JSON OUTPUT"))) {
+        if (line.substr(0, 7) == ".It Cm ")
+            described = Items(line);
+        else if (line == ".Pp")
+            described = {"error"};
+        else if (line.substr(0, 7) == ".It Li ") {
+            described.clear();
+            for (const std::string& type : Items(line))
+                described.push_back("watch " + type);
+        }
+        for (const std::string& name : described) {
+            keys[name];
+            if (line.substr(0, 4) == ".Li ") {
+                for (const std::string& key : Items(line))
+                    keys[name].insert(key);
+            }
+        }
+    }
+    for (auto& [name, own] : keys) {
+        if (name.substr(0, 6) == "watch ") {
+            const Names& sender = keys["list"];
+            if (own.empty())
+                own = sender;
+            own.insert(keys["watch"].begin(), keys["watch"].end());
+        }
+    }
+    keys.erase("watch");
+    keys.erase("watch lost");  // comes after more notifications than are sent here
+    return keys;
+}
+
+class JsonKeysTest : public ReceiverFixture {
+protected:
+    void Take(const std::string& name, const ordered_json& line, Keys& keys) const {
+        for (const auto& member : line.items())
+            keys[name].insert(member.key());
+    }
+
+    void TakeOutput(const std::string& name, const Words& arguments, Keys& keys) const {
+        const Ended ended = Run(Behind(arguments, {"--json"}));
+        EXPECT_EQ(0, ended.exit) << name << " " << ended.err;
+        for (ordered_json line : ParseLines(ended.out)) {
+            EXPECT_EQ(1, line["version"]);
+            line.erase("version");
+            Take(name, line, keys);
+        }
+    }
+
+    void TakeError(Keys& keys) const {
+        const ordered_json line = Parse(Run({"play", "99", "--json"}).err);
+        Take("error", line, keys);
+        Take("error", line["error"], keys);
+    }
+
+    /// The next line; its type.
+    std::string TakeWatched(Screenctl& watch, Keys& keys) const {
+        ordered_json line = Parse(watch.Line());
+        line.erase("version");
+        const std::string type = line.value("type", "");
+        Take("watch " + type, line, keys);
+        return type;
+    }
+
+    void TakeWatch(Keys& keys) const {
+        Screenctl watch(With({"watch"}));
+        const auto await = [&](const std::string& type) {
+            for (std::string next; next != type;) {
+                next = TakeWatched(watch, keys);
+                ASSERT_NE("", next);
+            }
+        };
+        await("list");
+        m_pReceiver->AddSender(MakeSender(2, "Grace"));
+        await("joined");
+        m_pReceiver->ChangeSender(2, [](simulator::Sender& sender) { sender.status = 9; });
+        await("changed");
+        m_pReceiver->RemoveSender(2);
+        await("left");
+        m_pReceiver->Stop();
+        await("link");
+    }
+};
+
+TEST_F(JsonKeysTest, AreThoseOfTheManPage) {
+    Serve();
+    ASSERT_TRUE(m_pReceiver->AddSender(MakeSender(1, "Ada")));
+    Keys printed;
+    TakeOutput("list", {"list"}, printed);
+    TakeOutput("moderator get", {"moderator", "get"}, printed);
+    TakeOutput("moderator set", {"moderator", "set", "1", "1"}, printed);
+    TakeOutput("play", {"play", "1"}, printed);
+    TakeOutput("stop", {"stop", "1"}, printed);
+    TakeOutput("keepalive", {"keepalive", "--count", "1"}, printed);
+    TakeOutput("quit-control", {"quit-control"}, printed);
+    TakeOutput("wait", {"wait", "--until", "sender Ada present"}, printed);
+    TakeOutput("doctor", {"doctor"}, printed);
+    TakeOutput("explain", {"explain", "1"}, printed);
+    TakeOutput("logout", {"logout", "1"}, printed);
+    TakeError(printed);
+    TakeWatch(printed);
+    EXPECT_EQ(DocumentedKeys(), printed);
 }
 
 TEST(ReceiverSimManPageTest, DescribesJustTheOptionsOfHelp) {

@@ -26,6 +26,8 @@ constexpr int kList = 16;
 constexpr int kNonLocal = 26;
 constexpr int kValid = 28;
 constexpr int kModerator = 32;
+constexpr const char* kAllSteps =
+    "address connect first-answer list-all list-nonlocal list-valid moderator ";
 
 /// The host is there, but the system drops who wants to connect.
 class SilentPort {
@@ -123,8 +125,7 @@ TEST_F(DoctorTest, AllIsWell) {
     EXPECT_EQ(0, ended.exit);
     EXPECT_EQ("", ended.err);
     const std::vector<ordered_json> lines = ParseLines(ended.out);
-    ASSERT_EQ("address connect first-answer list-all list-nonlocal list-valid moderator result ",
-              StepNames(lines));
+    ASSERT_EQ(std::string(kAllSteps) + "result ", StepNames(lines));
     for (size_t i = 0; i + 1 < lines.size(); ++i)
         ExpectStep(lines[i], true);
     ExpectResult(lines.back(), 0);
@@ -198,7 +199,7 @@ TEST_F(DoctorTest, AddressWithoutRoute) {
                   -107);
 }
 
-// Both at the same time, for each takes ten seconds.
+// Both at the same time, for each takes twenty seconds.
 TEST_F(DoctorTest, NoAnswerInTime) {
     ServeWith(Fault());
     sr_test::ScriptedPeer peer;
@@ -211,6 +212,35 @@ TEST_F(DoctorTest, NoAnswerInTime) {
         ExpectFailure({exit, program->Out(), program->Err()}, "address connect first-answer ", 13,
                       -6528101);
     }
+    EXPECT_EQ(2u, m_pReceiver->GetStatistics().clients);
+    EXPECT_EQ(1u, m_pReceiver->FramesReceived(kModerator));
+    EXPECT_EQ(1u, m_pReceiver->FramesReceived(kList));
+}
+
+// Both at the same time, as above.
+TEST_F(DoctorTest, RequestThatAloneIsNotAnsweredIsNamedByItsStep) {
+    Fault silent;
+    silent.command = kModerator;
+    ServeWith(silent);
+    simulator::Options options;
+    options.address = sr_test::UniqueAddress();
+    simulator::ReceiverSimulator withoutList(options);
+    const std::error_code error = withoutList.Start();
+    ASSERT_FALSE(error) << error.message();
+    silent.command = kList;
+    ASSERT_TRUE(withoutList.FaultOn(silent));
+    Screenctl moderator(With({"doctor", "--json"}));
+    Screenctl list({"doctor", "--json", options.address});
+    int exit = list.ExitCode();
+    ExpectFailure({exit, list.Out(), list.Err()}, "address connect first-answer list-all ", 15,
+                  -6528101);
+    exit = moderator.ExitCode();
+    ExpectFailure({exit, moderator.Out(), moderator.Err()}, kAllSteps, 18, -6528101);
+}
+
+TEST_F(DoctorTest, LinkThatIsClosedForTheModeratorOnly) {
+    ServeWith(Cut(kModerator, 20));
+    ExpectFailure(Doctor(), kAllSteps, 18, -6528002);
 }
 
 TEST_F(DoctorTest, LinkThatIsClosedAtOnce) {
@@ -242,6 +272,10 @@ TEST_F(DoctorTest, OtherServiceThatAnswersAndCloses) {
               peer.Receive(40));
     peer.Send("HTTP/1.1 400 Bad Request\r\n\r\n");
     peer.Close();
+    ASSERT_TRUE(peer.Accept());
+    EXPECT_EQ(sr_test::Hex("52 65 63 76 49 50 43 10") + sr_test::Padded(sr_test::Hex("01"), 32),
+              peer.Receive(40));
+    peer.Close();
     const int exit = program.ExitCode();
     ExpectFailure({exit, program.Out(), program.Err()}, "address connect first-answer ", 14,
                   -6528002);
@@ -251,21 +285,23 @@ TEST_F(DoctorTest, OtherServiceThatAnswersAndCloses) {
 struct BadList {
     int command;
     const char* steps;
+    int exit;
 };
 
 class BadListTest : public DoctorTest, public testing::WithParamInterface<BadList> {};
 
 TEST_P(BadListTest, IsNamedByItsStep) {
     ServeWith(Cut(GetParam().command, 60));
-    ExpectFailure(Doctor(), std::string("address connect first-answer ") + GetParam().steps, 15,
-                  -6528002);
+    ExpectFailure(Doctor(), std::string("address connect first-answer ") + GetParam().steps,
+                  GetParam().exit, -6528002);
 }
 
 INSTANTIATE_TEST_SUITE_P(All,
                          BadListTest,
-                         testing::Values(BadList{kList, "list-all "},
-                                         BadList{kNonLocal, "list-all list-nonlocal "},
-                                         BadList{kValid, "list-all list-nonlocal list-valid "}));
+                         testing::Values(BadList{kList, "list-all ", 15},
+                                         BadList{kNonLocal, "list-all list-nonlocal ", 16},
+                                         BadList{kValid, "list-all list-nonlocal list-valid ",
+                                                 17}));
 
 TEST_F(DoctorTest, ListThatAnnouncesTooMany) {
     Fault fault;
@@ -285,9 +321,7 @@ TEST_F(DoctorTest, ModeratorThatFails) {
     m_pReceiver = std::make_unique<simulator::ReceiverSimulator>(m_Options, observer);
     const std::error_code error = m_pReceiver->Start();
     ASSERT_FALSE(error) << error.message();
-    ExpectFailure(Doctor(),
-                  "address connect first-answer list-all list-nonlocal list-valid moderator ", 16,
-                  -6528002);
+    ExpectFailure(Doctor(), kAllSteps, 18, -6528002);
 }
 
 TEST_F(DoctorTest, TraceThatCannotBeWrittenIsWrongUsage) {
@@ -298,7 +332,8 @@ TEST_F(DoctorTest, TraceThatCannotBeWrittenIsWrongUsage) {
 TEST_F(DoctorTest, HelpTellsTheExitCodes) {
     const std::string help = RunScreenctl({"doctor", "--help"}).out;
     for (const char* part : {"0 all is well", "2 the address", "10 the\nport", "11 the host",
-                             "12 another", "13 connected", "14 the link", "15 a list", "16 the"})
+                             "12 another", "13 connected", "14 the link", "15 list-all",
+                             "16 list-nonlocal", "17 list-valid", "18 the moderator"})
         EXPECT_THAT(help, HasSubstr(part));
 }
 

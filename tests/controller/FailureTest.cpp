@@ -276,13 +276,67 @@ INSTANTIATE_TEST_SUITE_P(All,
                                          Arguments{"keepalive", "--every", "nan"},
                                          Arguments{"keepalive", "--count", "0"},
                                          Arguments{"list", "--which", "some"},
+                                         Arguments{"list", "--which", "1"},
                                          Arguments{"list", "--sort", "size"},
                                          Arguments{"list", "--format", "xml"},
+                                         Arguments{"list", "--format", "2"},
+                                         Arguments{"list", "--trace", ""},
                                          Arguments{"list", "--wait", "-1"},
                                          Arguments{"list", "--wait", "inf"},
                                          Arguments{"list", "--trace-level", "701"},
                                          Arguments{"list", "--unknown"},
                                          Arguments{"list", "127.0.0.1"}));
+
+TEST_F(FailureTest, NameThatIsNoneIsToldWithThoseThatAre) {
+    ExpectFailure(Run({"list", "--which", "1"}), 2,
+                  "--which: expected one of all, nonlocal, valid");
+    ExpectFailure(Run({"list", "--format", "2"}), 2, "--format: expected one of table, json, csv");
+    ExpectFailure(Run({"list", "--sort", "x"}), 2, "--sort: expected one of receiver, key, name, ");
+    ExpectFailure(Run({"completion", "sh"}), 2, "shell: expected one of bash, zsh, fish");
+}
+
+TEST_F(FailureTest, JsonInAnotherFormatIsWrongUsage) {
+    for (const char* format : {"csv", "table"}) {
+        const Ended ended = Run({"list", "--format", format, "--json"});
+        ExpectJsonFailure(ended, 2, 0);
+        EXPECT_THAT(Parse(ended.err)["error"]["sentence"].get<std::string>(),
+                    HasSubstr("--json wants another format"));
+    }
+}
+
+class JsonUsageTest : public FailureTest, public testing::WithParamInterface<Arguments> {};
+
+TEST_P(JsonUsageTest, IsSeenHoweverItIsWritten) {
+    Arguments arguments = {"list", "--sort", "size"};
+    arguments.insert(arguments.end(), GetParam().begin(), GetParam().end());
+    ExpectJsonFailure(Run(arguments), 2, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(All,
+                         JsonUsageTest,
+                         testing::Values(Arguments{"--json"},
+                                         Arguments{"--json=true"},
+                                         Arguments{"--json=1"},
+                                         Arguments{"--json=oops"},
+                                         Arguments{"--json", "--format"},
+                                         Arguments{"--format=json"},
+                                         Arguments{"--format", "json"}));
+
+class PlainUsageTest : public FailureTest, public testing::WithParamInterface<Arguments> {};
+
+TEST_P(PlainUsageTest, IsNotTakenForJson) {
+    Arguments arguments = {"list", "--sort", "size"};
+    arguments.insert(arguments.end(), GetParam().begin(), GetParam().end());
+    ExpectFailure(Run(arguments), 2, " tells what is possible.\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(All,
+                         PlainUsageTest,
+                         testing::Values(Arguments{"--json=false"},
+                                         Arguments{"--format"},
+                                         Arguments{"--format", "csv"},
+                                         Arguments{"--format", "csv", "--format", "csv"},
+                                         Arguments{"--trace", "json"}));
 
 class HostTest : public FailureTest, public testing::WithParamInterface<const char*> {};
 
@@ -322,27 +376,100 @@ TEST_F(FailureTest, HelpTellsTheExitCodes) {
     EXPECT_THAT(RunScreenctl({"play", "--help"}).out, HasSubstr("4 time-out"));
 }
 
-TEST_F(FailureTest, OutputThatNobodyTakesIsAnError) {
-    Screenctl program(With({"list", "--wait", "60"}));
-    program.CloseOutput();
-    Serve();
-    EXPECT_EQ(2, program.ExitCode());
-    EXPECT_THAT(program.Err(), StartsWith("Standard output cannot be written"));
+class LostOutputTest : public FailureTest, public testing::WithParamInterface<const char*> {
+protected:
+    /// Nobody reads the output when the program has got its list, of so many senders.
+    Ended ListOf(int senders) {
+        Screenctl program(With({"list", "--format", GetParam(), "--wait", "60"}));
+        program.CloseOutput();
+        m_pReceiver = std::make_unique<simulator::ReceiverSimulator>(m_Options);
+        for (int key = 1; key <= senders; ++key)
+            EXPECT_TRUE(m_pReceiver->AddSender(MakeSender(key, "Ada")));
+        Start();
+        const int exit = program.ExitCode();
+        return {exit, "", program.Err()};
+    }
+
+    static void ExpectTold(const Ended& ended) {
+        constexpr const char* kSentence = "Standard output cannot be written";
+        EXPECT_EQ(2, ended.exit);
+        EXPECT_EQ(1u, Lines(ended.err).size()) << ended.err;
+        if (GetParam() == std::string("json"))
+            EXPECT_THAT(Parse(ended.err)["error"]["sentence"].get<std::string>(),
+                        StartsWith(kSentence));
+        else
+            EXPECT_THAT(ended.err, StartsWith(kSentence));
+    }
+};
+
+TEST_P(LostOutputTest, IsAnError) {
+    ExpectTold(ListOf(1));
 }
 
-/// The exit code of a shell's command line.
-int ExitOf(const std::string& command) {
-    const int status = std::system(command.c_str());
-    EXPECT_TRUE(WIFEXITED(status)) << status;
-    return WEXITSTATUS(status);
+// More than is kept in memory before it is written.
+TEST_P(LostOutputTest, IsAnErrorWhenItIsLong) {
+    ExpectTold(ListOf(5000));
 }
+
+INSTANTIATE_TEST_SUITE_P(All,
+                         LostOutputTest,
+                         testing::Values("table", "csv", "json"),
+                         [](const auto& tested) { return std::string(tested.param); });
+
+const std::string kProgram = "'" SCREENCTL_PROGRAM "' ";
 
 TEST_F(FailureTest, ErrorThatCannotBePrintedKeepsItsExitCode) {
-    const std::string list = "'" SCREENCTL_PROGRAM "' list --host " + Host();
-    EXPECT_EQ(3, ExitOf(list + " 2>&-"));
-    EXPECT_EQ(3, ExitOf(list + " --json 2>/dev/full"));
-    EXPECT_EQ(2, ExitOf("'" SCREENCTL_PROGRAM "' explain -111 >/dev/full 2>&1"));
+    const std::string list = kProgram + "list --host " + Host();
+    EXPECT_EQ(3, RunShell(list + " 2>&-").exit);
+    EXPECT_EQ(3, RunShell(list + " --json 2>/dev/full").exit);
+    EXPECT_EQ(2, RunShell(kProgram + "explain -111 >/dev/full 2>&1").exit);
 }
+
+TEST_F(FailureTest, HelpThatCannotBePrintedIsAnError) {
+    EXPECT_EQ(2, RunShell(kProgram + "--help >/dev/full").exit);
+    EXPECT_EQ(2, RunShell(kProgram + "play --help >&-").exit);
+}
+
+class ClosedStreamTest : public FailureTest {
+protected:
+    /// With a sender and conference control to have, and a shell's redirection. The receiver gets
+    /// one whole request and nothing else.
+    ShellRun RunWith(const std::string& redirection, const std::string& command) {
+        Serve();
+        EXPECT_TRUE(m_pReceiver->AddSender(MakeSender(1, "Ada")));
+        ShellRun run = RunShell(kProgram + command + " --host " + Host() + " " + redirection);
+        EXPECT_TRUE(WaitFor([this] { return m_pReceiver->ClientCount() == 0; }));
+        EXPECT_EQ(40u, m_pReceiver->GetStatistics().bytesReceived);
+        m_pReceiver.reset();
+        return run;
+    }
+};
+
+TEST_F(ClosedStreamTest, OutputIsAnErrorWhenThereIsSomethingToPrint) {
+    for (const char* command : {"list", "list --json", "play 1 --json"}) {
+        const ShellRun run = RunWith(">&-", command);
+        EXPECT_EQ(2, run.exit) << command;
+        EXPECT_THAT(run.output, HasSubstr("Standard output cannot be written")) << command;
+    }
+    EXPECT_EQ(0, RunWith(">&-", "play 1").exit);
+}
+
+TEST_F(ClosedStreamTest, ErrorOutputIsNotMissed) {
+    const ShellRun run = RunWith("2>&-", "list --json --trace -");
+    EXPECT_EQ(0, run.exit);
+    EXPECT_EQ("Ada", Parse(run.output)["name"]);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they need descriptors, too
+// The program's first descriptor of its own is one too many.
+TEST_F(FailureTest, LimitOfTheSystemIsToldAsJson) {
+    const ShellRun run =
+        RunShell("exec <&-; ulimit -n 3; exec " + kProgram + "watch --json " + Host());
+    EXPECT_EQ(2, run.exit);
+    EXPECT_THAT(Parse(run.output)["error"]["sentence"].get<std::string>(),
+                HasSubstr("Too many open files"));
+}
+#endif
 
 TEST_F(FailureTest, WordThatIsNoCommandIsNamed) {
     ExpectFailure(Run({"frob\x1b"}), 2, "\"frob\\x1B\" is not a command");
@@ -368,6 +495,13 @@ TEST_F(FailureTest, WaitsAsLongAsItIsToldAndInPauses) {
     // After 0, 100, 300, 700 and 1000 ms, or later.
     EXPECT_GE(Count(ended.err, "ErrorCode=-111"), 2u);
     EXPECT_LE(Count(ended.err, "ErrorCode=-111"), 5u);
+}
+
+// Without a longest pause there were 8 tries at most: after 0, 0.1, 0.3, 0.7, 1.5, 3.1, 6.3 and 12 s.
+TEST_F(FailureTest, PausesBetweenTriesDoNotGrowForEver) {
+    const Ended ended = Run({"list", "--wait", "12", "--trace", "-", "--trace-level", "300"});
+    EXPECT_EQ(3, ended.exit);
+    EXPECT_GE(Count(ended.err, "ErrorCode=-111"), 9u);
 }
 
 TEST_F(FailureTest, WaitsForARoute) {

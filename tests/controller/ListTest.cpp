@@ -1,5 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -58,6 +63,34 @@ protected:
         return ended.out;
     }
 
+    /// What a terminal of so many columns gets.
+    std::string PrintedOnTerminal(unsigned short columns) const {
+        std::vector<std::string> words = With({SCREENCTL_PROGRAM, "list"});
+        std::vector<char*> arguments;
+        for (std::string& word : words)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        unsetenv("COLUMNS");
+        winsize size = {};
+        size.ws_row = 24;
+        size.ws_col = columns;
+        int terminal = -1;
+        const pid_t program = forkpty(&terminal, nullptr, nullptr, &size);
+        if (program == 0) {
+            execv(arguments[0], arguments.data());
+            _exit(127);
+        }
+        std::string printed;
+        char chunk[4096];
+        for (ssize_t count = 0; (count = read(terminal, chunk, sizeof chunk)) > 0;)
+            printed.append(chunk, static_cast<size_t>(count));
+        close(terminal);
+        int status = -1;
+        EXPECT_EQ(program, waitpid(program, &status, 0));
+        EXPECT_EQ(0, status);
+        return printed;
+    }
+
     /// The values of one member in the order in which they are printed.
     std::string Values(const std::string& member, std::vector<std::string> arguments = {}) const {
         arguments.push_back("--json");
@@ -110,6 +143,7 @@ TEST_F(ListTest, JsonIsAnObjectForEachSender) {
               lines[0]);
     EXPECT_EQ("Cäsar", lines[1]["name"]);
     EXPECT_EQ(Printed({"--json"}), Printed({"--format", "json"}));
+    EXPECT_EQ(Printed({"--json"}), Printed({"--json", "--format", "json"}));
 }
 
 TEST_F(ListTest, ShortRecordsHaveNoTypes) {
@@ -130,6 +164,15 @@ TEST_F(ListTest, CsvQuotesWhatNeedsIt) {
         "2,\"a,b\",192.0.2.2,1,128,0,0,0\r\n"
         "3,\"say \"\"hi\"\"\",192.0.2.3,1,128,0,0,0\r\n"
         "4,,192.0.2.4,1,128,0,0,0\r\n",
+        Printed({"--format", "csv"}));
+}
+
+TEST_F(ListTest, CsvHasSafeNames) {
+    ServeNames({"a\x1b[2J\r\n\xFF", "=x,\xE2\x80\xAE"});
+    EXPECT_EQ(
+        "key,name,address,status,position,os,app,pointer\r\n"
+        "1,a\\x1B[2J\\x0D\\x0A\\xFF,192.0.2.1,1,128,0,0,0\r\n"
+        "2,\"=x,\\xE2\\x80\\xAE\",192.0.2.2,1,128,0,0,0\r\n",
         Printed({"--format", "csv"}));
 }
 
@@ -203,6 +246,18 @@ TEST_F(ListTest, NarrowTerminalsGetFewerColumnsAndShorterNames) {
         Printed({}, {"COLUMNS=80"}));
 }
 
+TEST_F(ListTest, TableFitsTheTerminalItIsPrintedOn) {
+    ServeNames({"Grace Brewster Murray Hopper"});
+    EXPECT_EQ(
+        "KEY  NAME\r\n"
+        "1    Grace Brewster…\r\n",
+        PrintedOnTerminal(20));
+    EXPECT_EQ(
+        "KEY  NAME              ADDRESS    STATUS\r\n"
+        "1    Grace Brewster …  192.0.2.1  1\r\n",
+        PrintedOnTerminal(40));
+}
+
 TEST_F(ListTest, ForMachinesNothingIsCut) {
     const std::string longest(simulator::kMaxUserName, 'x');
     ServeNames({longest});
@@ -265,45 +320,58 @@ TEST_P(NameTest, IsSafeToPrint) {
 INSTANTIATE_TEST_SUITE_P(
     All,
     NameTest,
-    testing::Values(Name{"Plain", "Ada Lovelace", "Ada Lovelace"},
-                    Name{"Backslash", "ROOM\\ada", "ROOM\\ada"},
-                    Name{"Escape", "a\x1b[31mb", "a\\x1B[31mb"},
-                    Name{"LineEnds", "a\r\nb\tc", "a\\x0D\\x0Ab\\x09c"},
-                    Name{"Delete", "a\x7f", "a\\x7F"},
-                    Name{"SecondControlSet",
-                         "a\xC2\x9B"
-                         "31m",
-                         "a\\xC2\\x9B31m"},
-                    Name{"LoneByte",
-                         "a\xFF"
-                         "b",
-                         "a\\xFFb"},
-                    Name{"LoneContinuation", "\x80", "\\x80"},
-                    Name{"Overlong", "\xC0\xAF", "\\xC0\\xAF"},
-                    Name{"OverlongOfThree", "\xE0\x80\xAF", "\\xE0\\x80\\xAF"},
-                    Name{"Surrogate", "\xED\xA0\x80", "\\xED\\xA0\\x80"},
-                    Name{"TooLarge", "\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},
-                    Name{"FiveBytes", "\xF8\x88\x80\x80\x80", "\\xF8\\x88\\x80\\x80\\x80"},
-                    Name{"CutOff", "a\xE9\x83", "a\\xE9\\x83"},
-                    Name{"CutOffBeforeAnother",
-                         "\xE9\x83"
-                         "b",
-                         "\\xE9\\x83"
-                         "b"},
-                    Name{"RightToLeftOverride",
-                         "a\xE2\x80\xAE"
-                         "b",
-                         "a\\xE2\\x80\\xAEb"},
-                    Name{"RightToLeftMark", "\xE2\x80\x8F", "\\xE2\\x80\\x8F"},
-                    Name{"Isolate", "\xE2\x81\xA6", "\\xE2\\x81\\xA6"},
-                    Name{"ArabicLetterMark", "\xD8\x9C", "\\xD8\\x9C"},
-                    Name{"ByteOrderMark",
-                         "\xEF\xBB\xBF"
-                         "a",
-                         "\\xEF\\xBB\\xBF"
-                         "a"},
-                    Name{"LineSeparator", "\xE2\x80\xA8", "\\xE2\\x80\\xA8"},
-                    Name{"NoCharacter", "\xEF\xBF\xBF", "\\xEF\\xBF\\xBF"}),
+    testing::Values(
+        Name{"Plain", "Ada Lovelace", "Ada Lovelace"},
+        Name{"Backslash", "ROOM\\ada", "ROOM\\ada"},
+        Name{"Escape", "a\x1b[31mb", "a\\x1B[31mb"},
+        Name{"LineEnds", "a\r\nb\tc", "a\\x0D\\x0Ab\\x09c"},
+        Name{"Delete", "a\x7f", "a\\x7F"},
+        Name{"SecondControlSet",
+             "a\xC2\x9B"
+             "31m",
+             "a\\xC2\\x9B31m"},
+        Name{"LoneByte",
+             "a\xFF"
+             "b",
+             "a\\xFFb"},
+        Name{"LoneContinuation", "\x80", "\\x80"},
+        Name{"Overlong", "\xC0\xAF", "\\xC0\\xAF"},
+        Name{"OverlongOfThree", "\xE0\x80\xAF", "\\xE0\\x80\\xAF"},
+        Name{"Surrogate", "\xED\xA0\x80", "\\xED\\xA0\\x80"},
+        Name{"TooLarge", "\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},
+        Name{"FiveBytes", "\xF8\x88\x80\x80\x80", "\\xF8\\x88\\x80\\x80\\x80"},
+        Name{"CutOff", "a\xE9\x83", "a\\xE9\\x83"},
+        Name{"CutOffBeforeAnother",
+             "\xE9\x83"
+             "b",
+             "\\xE9\\x83"
+             "b"},
+        Name{"RightToLeftOverride",
+             "a\xE2\x80\xAE"
+             "b",
+             "a\\xE2\\x80\\xAEb"},
+        Name{"RightToLeftMark", "\xE2\x80\x8F", "\\xE2\\x80\\x8F"},
+        Name{"Isolate", "\xE2\x81\xA6", "\\xE2\\x81\\xA6"},
+        Name{"ArabicLetterMark", "\xD8\x9C", "\\xD8\\x9C"},
+        Name{"ByteOrderMark",
+             "\xEF\xBB\xBF"
+             "a",
+             "\\xEF\\xBB\\xBF"
+             "a"},
+        Name{"LineSeparator", "\xE2\x80\xA8", "\\xE2\\x80\\xA8"},
+        Name{"NoCharacter", "\xEF\xBF\xBF", "\\xEF\\xBF\\xBF"},
+        Name{"SoftHyphen", "\xC2\xAD", "\\xC2\\xAD"},
+        Name{"GraphemeJoiner", "\xCD\x8F", "\\xCD\\x8F"},
+        Name{"HangulFillers", "\xE1\x85\x9F\xE1\x85\xA0", "\\xE1\\x85\\x9F\\xE1\\x85\\xA0"},
+        Name{"KhmerVowels", "\xE1\x9E\xB4\xE1\x9E\xB5", "\\xE1\\x9E\\xB4\\xE1\\x9E\\xB5"},
+        Name{"VowelSeparator", "\xE1\xA0\x8E", "\\xE1\\xA0\\x8E"},
+        Name{"Filler", "\xE3\x85\xA4", "\\xE3\\x85\\xA4"},
+        Name{"HalfwidthFiller", "\xEF\xBE\xA0", "\\xEF\\xBE\\xA0"},
+        Name{"Annotation", "\xEF\xBF\xB9\xEF\xBF\xBB", "\\xEF\\xBF\\xB9\\xEF\\xBF\\xBB"},
+        Name{"Tags", "\xF3\xA0\x80\x80\xF3\xA0\x81\xBF",
+             "\\xF3\\xA0\\x80\\x80\\xF3\\xA0\\x81\\xBF"},
+        Name{"JoinedEmoji", "\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x92\xBB",
+             "\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x92\xBB"}),
     [](const testing::TestParamInfo<Name>& tested) { return std::string(tested.param.what); });
 
 }  // namespace

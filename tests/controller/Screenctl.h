@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -32,15 +33,24 @@ using sr_test::WaitFor;
 class Screenctl {
 public:
     /// `environment`: entries like "COLUMNS=40", in place of this process's own of that name.
+    /// `ignored`: signals that the program's parent has it ignore.
     explicit Screenctl(const std::vector<std::string>& arguments,
-                       const std::vector<std::string>& environment = {}) {
+                       const std::vector<std::string>& environment = {},
+                       const std::vector<int>& ignored = {}) {
         int out[2] = {-1, -1};
         int err[2] = {-1, -1};
         EXPECT_EQ(0, pipe2(out, O_CLOEXEC));
         EXPECT_EQ(0, pipe2(err, O_CLOEXEC));
         m_Out.descriptor = out[0];
         m_Err.descriptor = err[0];
+        // Others may be ignored by whoever has started the tests.
+        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
+            signal(number, SIG_DFL);
+        for (const int number : ignored)
+            signal(number, SIG_IGN);
         Start(arguments, environment, out[1], err[1]);
+        for (const int number : ignored)
+            signal(number, SIG_DFL);
         close(out[1]);
         close(err[1]);
     }
@@ -200,6 +210,26 @@ struct Ended {
     std::string err;
 };
 
+struct ShellRun {
+    int exit = -1;
+    std::string output;  // both streams
+};
+
+/// Runs a line of the shell from start to end.
+inline ShellRun RunShell(const std::string& command) {
+    ShellRun run;
+    FILE* pipe = popen(("{ " + command + "\n} 2>&1").c_str(), "r");
+    EXPECT_NE(nullptr, pipe);
+    if (pipe == nullptr)
+        return run;
+    char chunk[4096];
+    for (size_t size = 0; (size = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
+        run.output.append(chunk, size);
+    const int status = pclose(pipe);
+    run.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
 /// Runs the program from start to end.
 inline Ended RunScreenctl(const std::vector<std::string>& arguments,
                           const std::vector<std::string>& environment = {}) {
@@ -255,6 +285,10 @@ protected:
 
     void Serve() {
         m_pReceiver = std::make_unique<simulator::ReceiverSimulator>(m_Options);
+        Start();
+    }
+
+    void Start() {
         const std::error_code error = m_pReceiver->Start();
         ASSERT_FALSE(error) << error.message();
     }

@@ -63,6 +63,14 @@ protected:
         EXPECT_EQ("", program.Out() + program.Err());
     }
 
+    /// How often the port was refused, as the trace tells.
+    static size_t Refusals(const std::string& trace) {
+        size_t refusals = 0;
+        for (const std::string& line : Lines(trace))
+            refusals += line.find("ErrorCode=-111") == std::string::npos ? 0 : 1;
+        return refusals;
+    }
+
     bool AwaitLooks(uint64_t count) const {
         return WaitFor([&] { return m_pReceiver->FramesReceived(kList) >= count; },
                        milliseconds(30000));
@@ -174,6 +182,37 @@ TEST_F(WaitTest, NotificationIsLookedAfterAtOnce) {
     EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(25));
 }
 
+TEST_F(WaitTest, NotificationsInARowAreNotAllLookedAfter) {
+    Serve();
+    Fault flood;
+    flood.kind = FaultKind::Flood;
+    ASSERT_TRUE(m_pReceiver->FaultOn(flood));
+    EXPECT_EQ(4, Wait("sender Ada present", "2").exit);
+    // At most every 50 ms, and a last one.
+    EXPECT_LE(m_pReceiver->FramesReceived(kList), 42u);
+}
+
+TEST_F(WaitTest, NotificationDuringALookIsLookedAfter) {
+    constexpr uint64_t kLooks = 40;  // 20 s if it looked every 500 ms only
+    Fault delay;
+    delay.kind = FaultKind::Delay;
+    delay.command = kList;
+    delay.time = milliseconds(20);
+    simulator::Observer observer;
+    observer.frame = [this](const simulator::Frame& frame) {
+        if (frame.incoming)
+            m_pReceiver->Notify(100, 0, 0);
+    };
+    m_pReceiver = std::make_unique<simulator::ReceiverSimulator>(m_Options, observer);
+    ASSERT_TRUE(m_pReceiver->FaultOn(delay));
+    Start();
+    const Screenctl program(Until("sender Ada present", "600"));
+    ASSERT_TRUE(AwaitLooks(1));
+    const auto begin = steady_clock::now();
+    ASSERT_TRUE(AwaitLooks(kLooks));
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(18));
+}
+
 // The end of the time
 
 TEST_F(WaitTest, TimeThatIsOverIsTimeOut) {
@@ -201,12 +240,24 @@ TEST_F(WaitTest, TimeOfZeroLooksOnce) {
     EXPECT_EQ(1u, m_pReceiver->FramesReceived(kList));
 }
 
-TEST_F(WaitTest, ReceiverThatDoesNotAnswerIsTimeOut) {
+TEST_F(WaitTest, TimeThatIsOverHasALastLook) {
+    Serve();
+    EXPECT_EQ(4, Wait("sender Ada present", "0.4").exit);
+    EXPECT_EQ(2u, m_pReceiver->FramesReceived(kList));
+}
+
+// Both at the same time, for a look takes ten seconds.
+TEST_F(WaitTest, ReceiverThatDoesNotAnswerIsTimeOutWithoutAnotherLook) {
     Serve();
     ASSERT_TRUE(m_pReceiver->FaultOn(Fault()));
-    const Ended ended = Wait("sender Ada present", "0");
-    EXPECT_EQ(4, ended.exit);
-    EXPECT_THAT(ended.err, HasSubstr("[-6528101: "));
+    Screenctl once(Until("sender Ada present", "0"));
+    Screenctl longer(Until("sender Ada present", "1"));
+    for (Screenctl* program : {&once, &longer}) {
+        EXPECT_EQ(4, program->ExitCode());
+        EXPECT_THAT(program->Err(), HasSubstr("[-6528101: "));
+    }
+    EXPECT_EQ(2u, m_pReceiver->GetStatistics().clients);
+    EXPECT_EQ(2u, m_pReceiver->FramesReceived(kList));
 }
 
 // The link
@@ -222,6 +273,35 @@ TEST_F(WaitTest, RefusedPortIsToldAtOnce) {
 TEST_F(WaitTest, ReceiverThatStartsLaterIsWaitedForByOption) {
     Screenctl program(Until("sender Ada gone", "0", {"--wait", "100"}));
     Serve();
+    EXPECT_EQ(0, program.ExitCode());
+}
+
+TEST_F(WaitTest, TimeCountsFromTheConnection) {
+    m_pReceiver = std::make_unique<simulator::ReceiverSimulator>(m_Options);
+    Add(7, "Ada");
+    Screenctl program(Until("sender Ada present", "600",
+                            {"--json", "--wait", "600", "--trace", "-", "--trace-level", "300"}));
+    // The sixth try comes after 3.1 s, or later.
+    ASSERT_TRUE(WaitFor([&] { return Refusals(program.Err()) >= 6; }, milliseconds(30000)));
+    const auto begin = steady_clock::now();
+    Start();
+    EXPECT_EQ(0, program.ExitCode());
+    const std::chrono::duration<double> sinceStart = steady_clock::now() - begin;
+    // It is printed in whole milliseconds.
+    EXPECT_LE(Parse(program.Out())["waited_s"].get<double>(), sinceStart.count() + 0.001);
+}
+
+TEST_F(WaitTest, LateAnswerIsNotTakenForTheNextOne) {
+    const std::string request =
+        sr_test::Hex("52 65 63 76 49 50 43 10") + sr_test::Padded(sr_test::Hex("01"), 32);
+    sr_test::ScriptedPeer peer(Host());
+    Screenctl program(Until("sender Ada gone", "600"));
+    ASSERT_TRUE(peer.Accept());
+    EXPECT_EQ(request, peer.Receive(40));
+    ASSERT_TRUE(peer.ClientClosed(milliseconds(60000)));
+    ASSERT_TRUE(peer.Accept());
+    EXPECT_EQ(request, peer.Receive(40));
+    peer.Send(sr_test::Hex("52 65 63 76 49 50 43 11") + sr_test::Padded("", 32));
     EXPECT_EQ(0, program.ExitCode());
 }
 
@@ -264,11 +344,8 @@ TEST_F(WaitTest, ReceiverThatIsAwayIsNotAskedWithoutPause) {
     ASSERT_TRUE(AwaitLooks(1));
     m_pReceiver->Stop();
     EXPECT_EQ(3, program.ExitCode());
-    size_t refused = 0;
-    for (const std::string& line : Lines(program.Err()))
-        refused += line.find("ErrorCode=-111") == std::string::npos ? 0 : 1;
-    EXPECT_GE(refused, 1u);
-    EXPECT_LE(refused, 8u);  // at most every 500 ms, and a last one
+    EXPECT_GE(Refusals(program.Err()), 1u);
+    EXPECT_LE(Refusals(program.Err()), 8u);  // at most every 500 ms, and a last one
 }
 
 TEST_F(WaitTest, ReceiverThatClosesEveryConnectionIsNotAskedWithoutPause) {
