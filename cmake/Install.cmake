@@ -74,7 +74,11 @@ endforeach()
 set(completions ${PROJECT_BINARY_DIR}/controller/completion)
 install(DIRECTORY ${completions}/bash/
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+set(zsh_folder site-functions)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")  # where packages have theirs
+    set(zsh_folder vendor-completions)
+endif()
 install(DIRECTORY ${completions}/zsh/
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/${zsh_folder} COMPONENT tools)
 install(DIRECTORY ${completions}/fish/
     DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tools)

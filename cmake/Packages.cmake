@@ -54,6 +54,10 @@ shell. receiver-sim is a simulated receiver for tests.")
 # Each package has its own copy of these.
 set(debian ${CMAKE_CURRENT_LIST_DIR}/debian)
 set(changelog ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
+file(STRINGS ${debian}/changelog newest LIMIT_COUNT 1)
+if(NOT newest MATCHES "\\(${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}\\)")
+    message(FATAL_ERROR "cmake/debian/changelog has no entry for ${PROJECT_VERSION}: ${newest}")
+endif()
 execute_process(COMMAND ${GZIP_PROGRAM} -9nc ${debian}/changelog OUTPUT_FILE ${changelog}
     COMMAND_ERROR_IS_FATAL ANY)
 foreach(package runtime:${library} dev:libscreenreceiver-dev tools:screen-receiver-tools)
@@ -62,5 +66,10 @@ foreach(package runtime:${library} dev:libscreenreceiver-dev tools:screen-receiv
     install(FILES ${changelog} ${debian}/copyright
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CMAKE_MATCH_2} COMPONENT ${component})
 endforeach()
+
+# All that goes into them.
+add_custom_target(packaged)
+add_dependencies(packaged ScreenReceiver ReceiverSimulator screenctl receiver-sim completions
+    screenctl-man receiver-sim-man)
 
 include(CPack)

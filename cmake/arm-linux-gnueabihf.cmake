@@ -19,8 +19,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # gcc 7 changed how some arguments are passed, and tells it at each of them.
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 
-# Needed to run the tests only.
+# To run the tests, and screenctl, which makes its completion scripts.
 find_program(SR_QEMU_ARM NAMES qemu-arm qemu-arm-static)
-if(SR_QEMU_ARM)
-    set(CMAKE_CROSSCOMPILING_EMULATOR ${SR_QEMU_ARM} -L ${SR_SYSROOT})
+if(NOT SR_QEMU_ARM)
+    message(FATAL_ERROR "qemu-arm is missing: Debian's package qemu-user has it")
 endif()
+set(CMAKE_CROSSCOMPILING_EMULATOR ${SR_QEMU_ARM} -L ${SR_SYSROOT})

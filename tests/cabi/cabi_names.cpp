@@ -29,6 +29,7 @@ OWN(GetErrorCode)
 int main(int argc, char** argv) {
     CHECK(argc == 3);
     CHECK(PluginHasItsOwnLogger());
+    CHECK(DefaultHandlersAreRecognized());
     CHECK(CountSenders(argv[2]) == 3);
 
     void* library = load(argv[1]);

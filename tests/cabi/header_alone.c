@@ -1,7 +1,7 @@
-/* First, so that it has to bring everything that it needs. */
-#include <stddef.h>
-
+/* clang-format off: first, so that it has to bring everything that it needs. */
 #include "ScreenReceiver/ScreenReceiver.h"
+#include <stddef.h>
+/* clang-format on */
 
 #define HOLDS(name, condition) typedef char name[(condition) ? 1 : -1]
 

@@ -19,8 +19,9 @@ expect libscreenreceiver1 libboost-thread1.74.0 libc6 libgcc-s1 libstdc++6
 expect libscreenreceiver-dev libscreenreceiver1 libboost-dev
 expect screen-receiver-tools libscreenreceiver1 libc6 libfmt9 libgcc-s1 libncursesw6 libstdc++6 \
     libtinfo6
+version=$(dpkg-deb -f "$packages"/libscreenreceiver1_*.deb Version)
 for package in libscreenreceiver-dev screen-receiver-tools; do
-    dpkg-deb -f "$packages/$package"_*.deb Depends | grep -q 'libscreenreceiver1 (= ' || {
+    dpkg-deb -f "$packages/$package"_*.deb Depends | grep -qF "libscreenreceiver1 (= $version)" || {
         echo "$package goes with another version of the library"
         status=1
     }

@@ -1,3 +1,4 @@
+# shellcheck shell=sh disable=SC2034
 # Sourced by the scripts beside it, with the folder of the packages as their argument. Unpacks them
 # into an empty root, from which the functions below build and run.
 set -eu
