@@ -269,7 +269,7 @@ complete -F _{0} {0}
                        BashArguments(places), BashOptions(places));
 }
 
-/// ":what:how to complete it" of an _arguments specification.
+/// ":what:how to complete it", as the end of what _arguments is told.
 std::string ZshValue(const CLI::Option& option) {
     const std::vector<std::string> choices = Choices(option);
     std::string action = " ";
